@@ -1,0 +1,34 @@
+// The simulated appliance: files, disks and time of the appliance below one root folder.
+//
+// It stands between a program and the C library, preloaded or linked in, and is configured by
+// environment variables that are read at every use. Without APPLIANCE_ROOT it does nothing.
+//
+//   APPLIANCE_ROOT   root folder; the appliance's absolute paths are looked up below it
+//   APPLIANCE_EPOCH  what time() returns at the start; the real time at first use by default
+//   APPLIANCE_SPEED  simulated seconds per real second of waiting; 0 or unset: waits take no time
+//
+//   <root>/journal   what happened: `<seconds since start> <kind> <text>`, one event a line
+//   <root>/timeline  what shall happen while the program waits, in ascending order of seconds:
+//                    `<seconds> write <path> <text>`, `<seconds> remove <path>`,
+//                    `<seconds> mode <path> <octal>`, `<seconds> signal <NAME>`
+//   <root>/select    a number: what select() returns at once, with no descriptor marked
+//   <root>/dev/sdX   a disk: the line `# disk`, then lines of `name=value` (see disks.cpp)
+//
+// Time is that of the main thread. Another thread (a fuzzer's watchdog) waits for real.
+#ifndef APPLIANCE_H
+#define APPLIANCE_H
+
+extern "C" {
+
+// Adds a line to the journal; control bytes and backslashes are written as \n or \xNN. A journal
+// that cannot be written is silently left alone; errno keeps its value.
+void appliance_note(const char* kind, const char* text);
+
+// Whole simulated seconds since the start.
+long long appliance_elapsed();
+
+// Back to the start: no time has passed and the whole timeline lies ahead. Files stay as they are.
+void appliance_reset();
+}
+
+#endif

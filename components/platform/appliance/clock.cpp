@@ -1,0 +1,339 @@
+// Simulated time: the clock, the waits that move it and the timeline of what happens meanwhile.
+#include <fcntl.h>
+#include <sys/select.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <limits>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "appliance.h"
+#include "simulation.h"
+
+namespace appliance {
+namespace {
+
+using Microseconds = long long;
+constexpr Microseconds kSecond = 1'000'000;
+constexpr Microseconds kEndOfTime = std::numeric_limits<Microseconds>::max();
+constexpr Microseconds kLongestNap = 3600 * kSecond;  // of real waiting, keeps a timeval small
+constexpr std::size_t kTimelineMax = std::size_t{256} * 1024;
+constexpr std::size_t kNumberMax = 32;
+constexpr mode_t kFileMode = 0644;
+constexpr int kOctal = 8;
+constexpr int kDecimal = 10;
+
+using Select = int(int, fd_set*, fd_set*, fd_set*, timeval*);
+
+// Plain data without a constructor: the C library is called before constructors run.
+struct Clock {
+  Microseconds elapsed;
+  long long epoch;
+  bool epochKnown;
+  std::size_t nextEvent;
+};
+constinit Clock clock{};
+
+bool isSimulated() { return root() != nullptr && gettid() == getpid(); }
+
+Microseconds later(Microseconds time, Microseconds wait) {
+  return time > kEndOfTime - wait ? kEndOfTime : time + wait;
+}
+
+Microseconds fromSeconds(long long seconds) {
+  return seconds > kEndOfTime / kSecond ? kEndOfTime : seconds * kSecond;
+}
+
+double speed() {
+  const char* const text = std::getenv("APPLIANCE_SPEED");
+  return text == nullptr ? 0 : std::strtod(text, nullptr);
+}
+
+Select* realSelect() {
+  static auto* const real = next<Select>("select");
+  return real;
+}
+
+// Lets time pass up to a moment; false when a signal came first.
+bool passUntil(Microseconds moment) {
+  using RealClock = std::chrono::steady_clock;
+  const double rate = speed();
+  if (!(rate > 0)) {
+    clock.elapsed = std::max(clock.elapsed, moment);
+    return true;
+  }
+  const Microseconds start = clock.elapsed;
+  const auto realStart = RealClock::now();
+  while (clock.elapsed < moment) {
+    const double realRest = static_cast<double>(moment - clock.elapsed) / rate;
+    const auto nap = realRest < static_cast<double>(kLongestNap)
+                         ? static_cast<Microseconds>(realRest) + 1
+                         : kLongestNap;
+    timeval rest{};
+    rest.tv_sec = static_cast<time_t>(nap / kSecond);
+    rest.tv_usec = static_cast<suseconds_t>(nap % kSecond);
+    const bool interrupted = realSelect()(0, nullptr, nullptr, nullptr, &rest) != 0;
+
+    const std::chrono::duration<double, std::micro> real = RealClock::now() - realStart;
+    const double simulated = real.count() * rate;
+    const bool over = simulated >= static_cast<double>(moment - start);
+    const Microseconds reached = over ? moment : start + static_cast<Microseconds>(simulated);
+    clock.elapsed = std::max(clock.elapsed, reached);
+    if (interrupted) return false;
+  }
+  return true;
+}
+
+// Timeline
+
+struct Event {
+  Microseconds due = 0;
+  std::string line;
+  std::string action;
+  std::string object;
+  std::string text;
+};
+
+// A line without a valid second is due at once and does nothing, which the journal will say.
+Event parse(std::string_view line) {
+  Event event;
+  event.line = line;
+  const std::string seconds(cut(line, ' '));
+  char* end = nullptr;
+  const long long due = std::strtoll(seconds.c_str(), &end, kDecimal);
+  if (seconds.empty() || *end != '\0' || due < 0) return event;
+  event.due = fromSeconds(due);
+  event.action = cut(line, ' ');
+  event.object = cut(line, ' ');
+  event.text = line;
+  return event;
+}
+
+std::optional<Event> eventAt(std::size_t index) {
+  const std::string text = readFile(std::string(root()) + "/timeline", kTimelineMax);
+  for (std::string_view rest = text; !rest.empty();) {
+    const auto line = cut(rest, '\n');
+    if (line.find_first_not_of(" \t") == std::string_view::npos || line[0] == '#') continue;
+    if (index-- == 0) return parse(line);
+  }
+  return std::nullopt;
+}
+
+// Replaces the content and keeps the permissions, as a driver does with its attribute; what the
+// permissions forbid to the program is not forbidden to the timeline.
+bool replaceContent(const char* path, const std::string& text) {
+  struct stat64 status;
+  const bool closed = fstatat64(AT_FDCWD, path, &status, 0) == 0 && (status.st_mode & S_IWUSR) == 0;
+  if (closed) fchmodat(AT_FDCWD, path, S_IWUSR, 0);
+  const int file = openat(AT_FDCWD, path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode);
+  const std::string content = text + '\n';
+  const bool written = file >= 0 && ::write(file, content.data(), content.size()) ==
+                                        static_cast<ssize_t>(content.size());
+  if (file >= 0) close(file);
+  if (closed) fchmodat(AT_FDCWD, path, status.st_mode & ALLPERMS, 0);
+  return written;
+}
+
+bool changeFile(const Event& event) {
+  PathBuffer buffer;
+  const char* const path = belowRoot(event.object.c_str(), buffer);
+  if (path == nullptr) return false;
+  if (event.action == "write") return replaceContent(path, event.text);
+  if (event.action == "remove") return unlinkat(AT_FDCWD, path, 0) == 0;
+  if (event.action == "mode" && !event.text.empty()) {
+    const auto mode = static_cast<mode_t>(std::strtoul(event.text.c_str(), nullptr, kOctal));
+    return fchmodat(AT_FDCWD, path, mode, 0) == 0;
+  }
+  return false;
+}
+
+struct SignalName {
+  std::string_view name;
+  int number;
+};
+constexpr SignalName kSignals[] = {
+    {"TERM", SIGTERM}, {"USR1", SIGUSR1}, {"USR2", SIGUSR2}, {"HUP", SIGHUP},
+    {"PIPE", SIGPIPE}, {"ALRM", SIGALRM}, {"INT", SIGINT},   {"STOP", SIGSTOP},
+};
+
+// Only a signal that runs a handler ends a system call.
+bool runsHandler(int number) {
+  struct sigaction action;
+  sigset_t blocked;
+  if (sigaction(number, nullptr, &action) != 0) return false;
+  if (sigprocmask(SIG_BLOCK, nullptr, &blocked) != 0) return false;
+  return action.sa_handler != SIG_IGN && action.sa_handler != SIG_DFL &&
+         sigismember(&blocked, number) == 0;
+}
+
+// Makes an event happen; true when it ends the wait.
+bool happen(const Event& event) {
+  if (event.action == "signal") {
+    for (const auto& signal : kSignals) {
+      if (signal.name != event.object) continue;
+      const bool ends = runsHandler(signal.number);
+      raise(signal.number);
+      return ends;
+    }
+  }
+  if (!changeFile(event)) record("timeline", "failed: %s", event.line.c_str());
+  return false;
+}
+
+struct Wait {
+  Microseconds rest;
+  bool interrupted;
+};
+
+Wait wait(Microseconds length) {
+  const Microseconds deadline = later(clock.elapsed, length);
+  bool interrupted = false;
+  while (!interrupted) {
+    const auto event = eventAt(clock.nextEvent);
+    if (!event || event->due > deadline) break;
+    interrupted = !passUntil(event->due);
+    if (interrupted) break;
+    ++clock.nextEvent;  // first: a signal handler may wait in turn
+    interrupted = happen(*event);
+  }
+  if (!interrupted) interrupted = !passUntil(deadline);
+  return {std::max(deadline - clock.elapsed, Microseconds{0}), interrupted};
+}
+
+// The three sets of a select call.
+struct Sets {
+  fd_set* set[3];
+
+  void clear() const {
+    for (auto* const one : set) {
+      if (one != nullptr) FD_ZERO(one);
+    }
+  }
+};
+
+int simulatedSelect(int count, const Sets& sets, timeval& timeout) {
+  const long long seconds = timeout.tv_sec;
+  const long long fraction = timeout.tv_usec;
+  if (fraction == 0) {
+    record("select", "%lld nfds=%d", seconds, count);
+  } else {
+    record("select", "%lld.%06lld nfds=%d", seconds, fraction, count);
+  }
+  if (seconds < 0 || fraction < 0) {
+    errno = EINVAL;
+    return -1;
+  }
+
+  const std::string scripted = readFile(std::string(root()) + "/select", kNumberMax);
+  if (!scripted.empty()) {
+    sets.clear();
+    const auto result = static_cast<int>(std::strtol(scripted.c_str(), nullptr, kDecimal));
+    if (result < 0) errno = EBADF;
+    return result;
+  }
+
+  // The kernel looks at the descriptors below the count and leaves its answer in the copies.
+  fd_set copies[3];
+  fd_set* asked[3];
+  for (int i = 0; i < 3; ++i) {
+    asked[i] = sets.set[i] == nullptr ? nullptr : &copies[i];
+    if (asked[i] != nullptr) copies[i] = *sets.set[i];
+  }
+  timeval none{};
+  int ready = realSelect()(std::min(count, FD_SETSIZE), asked[0], asked[1], asked[2], &none);
+  if (ready < 0) return ready;
+  if (ready == 0) {
+    const Wait waited = wait(later(fromSeconds(seconds), fraction));
+    timeout.tv_sec = static_cast<time_t>(waited.rest / kSecond);  // as Linux does
+    timeout.tv_usec = static_cast<suseconds_t>(waited.rest % kSecond);
+    if (waited.interrupted) {
+      errno = EINTR;
+      return -1;
+    }
+    sets.clear();
+    return 0;
+  }
+  for (int i = 0; i < 3; ++i) {
+    if (asked[i] != nullptr) *sets.set[i] = copies[i];
+  }
+  return ready;
+}
+
+}  // namespace
+}  // namespace appliance
+
+using namespace appliance;
+
+long long appliance_elapsed() { return appliance::clock.elapsed / kSecond; }
+
+void appliance_reset() {
+  appliance::clock.elapsed = 0;
+  appliance::clock.nextEvent = 0;
+}
+
+APPLIANCE_INTERPOSED time_t time(time_t* result) noexcept {
+  static auto* const real = next<time_t(time_t*)>("time");
+  if (root() == nullptr) return real(result);
+  const char* const text = std::getenv("APPLIANCE_EPOCH");
+  if (text == nullptr && !appliance::clock.epochKnown) {
+    appliance::clock.epoch = real(nullptr);
+    appliance::clock.epochKnown = true;
+  }
+  const long long epoch =
+      text == nullptr ? appliance::clock.epoch : std::strtoll(text, nullptr, kDecimal);
+  const auto now = static_cast<time_t>(epoch + appliance_elapsed());
+  if (result != nullptr) *result = now;
+  return now;
+}
+
+APPLIANCE_INTERPOSED unsigned int sleep(unsigned int seconds) {
+  static auto* const real = next<unsigned int(unsigned int)>("sleep");
+  if (!isSimulated()) return real(seconds);
+  record("sleep", "%u", seconds);
+  const Wait waited = wait(fromSeconds(seconds));
+  if (!waited.interrupted) return 0;
+  return static_cast<unsigned int>((waited.rest + kSecond - 1) / kSecond);
+}
+
+APPLIANCE_INTERPOSED int select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional,
+                                timeval* timeout) {
+  if (timeout == nullptr || !isSimulated()) {
+    return realSelect()(count, readable, writable, exceptional, timeout);
+  }
+  return simulatedSelect(count, {{readable, writable, exceptional}}, *timeout);
+}
+
+// What programs with 64-bit time call on a 32-bit machine.
+#if __TIMESIZE == 32
+struct Timeval64 {
+  long long tv_sec;
+  long long tv_usec;
+};
+
+APPLIANCE_INTERPOSED long long __time64(long long* result) noexcept {
+  const long long now = time(nullptr);
+  if (result != nullptr) *result = now;
+  return now;
+}
+
+APPLIANCE_INTERPOSED int __select64(int count, fd_set* readable, fd_set* writable,
+                                    fd_set* exceptional, Timeval64* timeout) {
+  if (timeout == nullptr) return select(count, readable, writable, exceptional, nullptr);
+  constexpr long long kLongest = std::numeric_limits<time_t>::max();
+  timeval narrow{};
+  narrow.tv_sec = static_cast<time_t>(std::min(timeout->tv_sec, kLongest));
+  narrow.tv_usec = static_cast<suseconds_t>(timeout->tv_usec);
+  const int result = select(count, readable, writable, exceptional, &narrow);
+  *timeout = {narrow.tv_sec, narrow.tv_usec};
+  return result;
+}
+#endif

@@ -1,0 +1,206 @@
+// The appliance's paths, sent below the root folder, and their permissions.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "simulation.h"
+
+namespace appliance {
+namespace {
+
+constexpr std::string_view kPrefixes[] = {
+    "/var/run/", "/run/", "/var/tmp/",           "/proc/partitions",
+    "/dev/sd",   "/sys/", "/etc/fan_controller",
+};
+
+bool isOfAppliance(std::string_view path) {
+  for (const auto prefix : kPrefixes) {
+    if (path.starts_with(prefix)) return true;
+  }
+  return false;
+}
+
+bool liesBelow(std::string_view path, std::string_view folder) {
+  return path.starts_with(folder) && (path.size() == folder.size() || path[folder.size()] == '/');
+}
+
+std::string_view rootWithoutSlash() {
+  std::string_view folder = root();
+  while (folder.ends_with('/')) folder.remove_suffix(1);
+  return folder;
+}
+
+// A caller's path and where it leads: `real` is the caller's own pointer when the path is not the
+// appliance's.
+struct Route {
+  explicit Route(const char* path) : real(path) {
+    if (path == nullptr || root() == nullptr || !isOfAppliance(path)) return;
+    real = belowRoot(path, buffer);
+    redirected = real == buffer;
+    tooLong = real == nullptr;  // errno says so
+  }
+
+  // Whether the owner's permission bits allow the access. The kernel does not ask them for root,
+  // and an attribute without them must be unreadable for root too. What does not exist is left to
+  // the kernel. False comes with errno EACCES.
+  bool permits(mode_t needed, bool followLink) const {
+    struct stat64 status;
+    const int flags = followLink ? 0 : AT_SYMLINK_NOFOLLOW;
+    if (!redirected || fstatat64(AT_FDCWD, real, &status, flags) != 0) return true;
+    if ((status.st_mode & needed) == needed) return true;
+    errno = EACCES;
+    return false;
+  }
+
+  const char* real;
+  bool redirected = false;
+  bool tooLong = false;
+  PathBuffer buffer;
+};
+
+mode_t neededBits(int flags) {
+  switch (flags & O_ACCMODE) {
+    case O_RDONLY:
+      return S_IRUSR;
+    case O_WRONLY:
+      return S_IWUSR;
+    default:
+      return S_IRUSR | S_IWUSR;
+  }
+}
+
+mode_t neededBits(const char* mode) {
+  if (std::strchr(mode, '+') != nullptr) return S_IRUSR | S_IWUSR;
+  return mode[0] == 'r' ? S_IRUSR : S_IWUSR;
+}
+
+bool takesMode(int flags) { return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE; }
+
+using Open = int(const char*, int, ...);
+using Fopen = FILE*(const char*, const char*);
+
+int openRouted(Open* real, const char* path, int flags, mode_t mode) {
+  const Route route(path);
+  if (route.tooLong) return -1;
+  // An existing file is no matter of permission for who insists on a new one, nor for O_PATH.
+  const bool insistsOnNew = (flags & (O_CREAT | O_EXCL)) == (O_CREAT | O_EXCL);
+  if (!insistsOnNew && (flags & O_PATH) == 0 &&
+      !route.permits(neededBits(flags), (flags & O_NOFOLLOW) == 0)) {
+    return -1;
+  }
+  return real(route.real, flags, mode);
+}
+
+FILE* fopenRouted(Fopen* real, const char* path, const char* mode) {
+  const Route route(path);
+  if (route.tooLong) return nullptr;
+  if (std::strchr(mode, 'x') == nullptr && !route.permits(neededBits(mode), true)) return nullptr;
+  return real(route.real, mode);
+}
+
+}  // namespace
+
+const char* root() {
+  const char* const folder = std::getenv("APPLIANCE_ROOT");
+  return folder == nullptr || folder[0] == '\0' ? nullptr : folder;
+}
+
+const char* belowRoot(const char* path, PathBuffer& buffer) {
+  const std::string_view folder = rootWithoutSlash();
+  const std::string_view tail = path;
+  if (liesBelow(tail, folder)) return path;
+  if (folder.size() + tail.size() >= sizeof buffer) {
+    errno = ENAMETOOLONG;
+    return nullptr;
+  }
+  std::memcpy(buffer, folder.data(), folder.size());
+  std::memcpy(buffer + folder.size(), path, tail.size() + 1);
+  return buffer;
+}
+
+std::string readFile(const std::string& path, std::size_t limit) {
+  std::string text;
+  const int file = openat(AT_FDCWD, path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (file < 0) return text;
+  text.resize(limit);
+  const ssize_t count = read(file, text.data(), limit);
+  close(file);
+  text.resize(count < 0 ? 0 : static_cast<std::size_t>(count));
+  return text;
+}
+
+std::string_view cut(std::string_view& text, char delimiter) {
+  const auto length = std::min(text.find(delimiter), text.size());
+  const auto front = text.substr(0, length);
+  text.remove_prefix(std::min(length + 1, text.size()));
+  return front;
+}
+
+}  // namespace appliance
+
+using appliance::next;
+using appliance::Route;
+
+#define APPLIANCE_OPEN(name)                                        \
+  APPLIANCE_INTERPOSED int name(const char* path, int flags, ...) { \
+    static auto* const real = next<appliance::Open>(#name);         \
+    mode_t mode = 0;                                                \
+    if (appliance::takesMode(flags)) {                              \
+      va_list arguments;                                            \
+      va_start(arguments, flags);                                   \
+      mode = va_arg(arguments, mode_t);                             \
+      va_end(arguments);                                            \
+    }                                                               \
+    return appliance::openRouted(real, path, flags, mode);          \
+  }
+
+APPLIANCE_OPEN(open)
+APPLIANCE_OPEN(open64)
+
+// What the fortified headers call for an open without a mode.
+APPLIANCE_INTERPOSED int __open_2(const char* path, int flags) { return open(path, flags); }
+APPLIANCE_INTERPOSED int __open64_2(const char* path, int flags) { return open64(path, flags); }
+
+APPLIANCE_INTERPOSED FILE* fopen(const char* path, const char* mode) {
+  static auto* const real = next<appliance::Fopen>("fopen");
+  return appliance::fopenRouted(real, path, mode);
+}
+
+APPLIANCE_INTERPOSED FILE* fopen64(const char* path, const char* mode) {
+  static auto* const real = next<appliance::Fopen>("fopen64");
+  return appliance::fopenRouted(real, path, mode);
+}
+
+APPLIANCE_INTERPOSED DIR* opendir(const char* path) {
+  static auto* const real = next<DIR*(const char*)>("opendir");
+  const Route route(path);
+  if (route.tooLong) return nullptr;
+  return route.permits(S_IRUSR, true) ? real(route.real) : nullptr;
+}
+
+APPLIANCE_INTERPOSED int unlink(const char* path) noexcept {
+  static auto* const real = next<int(const char*)>("unlink");
+  const Route route(path);
+  return route.tooLong ? -1 : real(route.real);
+}
+
+APPLIANCE_INTERPOSED int remove(const char* path) noexcept {
+  static auto* const real = next<int(const char*)>("remove");
+  const Route route(path);
+  return route.tooLong ? -1 : real(route.real);
+}
+
+APPLIANCE_INTERPOSED int mkdir(const char* path, mode_t mode) noexcept {
+  static auto* const real = next<int(const char*, mode_t)>("mkdir");
+  const Route route(path);
+  return route.tooLong ? -1 : real(route.real, mode);
+}
