@@ -1,0 +1,96 @@
+// What every room of the service uses: owned handles, text pieces and trace lines, and the readers
+// of sysfs attributes, lines and numbers.
+#pragma once
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <array>
+#include <charconv>
+#include <concepts>
+#include <cstddef>
+#include <cstdio>
+#include <initializer_list>
+#include <memory>
+#include <string>
+#include <string_view>
+
+struct FileCloser {
+  void operator()(std::FILE* file) const noexcept { (void)std::fclose(file); }
+};
+using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
+
+struct DirCloser {
+  void operator()(DIR* directory) const noexcept { (void)::closedir(directory); }
+};
+using DirPtr = std::unique_ptr<DIR, DirCloser>;
+
+/// A file descriptor in the shape that std::unique_ptr owns; -1 takes the place of the null
+/// pointer.
+struct Descriptor {
+  int fd = -1;
+
+  Descriptor() = default;
+  Descriptor(std::nullptr_t) {}
+  explicit Descriptor(int descriptor) : fd(descriptor) {}
+  explicit operator bool() const { return fd >= 0; }
+  friend bool operator==(Descriptor, Descriptor) = default;
+};
+
+struct DescriptorCloser {
+  using pointer = Descriptor;
+  void operator()(Descriptor descriptor) const noexcept { (void)::close(descriptor.fd); }
+};
+using DescriptorPtr = std::unique_ptr<Descriptor, DescriptorCloser>;
+
+/// One piece of a composed text: text as it is, or a whole number in decimal. Lives only as long as
+/// the expression that names it; it does not copy the text.
+class TextPiece {
+ public:
+  TextPiece(std::string_view text) : m_text(text) {}
+  TextPiece(const std::string& text) : m_text(text) {}
+  TextPiece(const char* text) : m_text(text) {}
+  TextPiece(std::integral auto number) {
+    const auto end = std::to_chars(m_digits.data(), m_digits.data() + m_digits.size(), number).ptr;
+    m_text = {m_digits.data(), static_cast<std::size_t>(end - m_digits.data())};
+  }
+  TextPiece(const TextPiece&) = delete;
+  TextPiece& operator=(const TextPiece&) = delete;
+
+  std::string_view text() const { return m_text; }
+
+ private:
+  std::array<char, 24> m_digits;  // the longest 64-bit number with its sign has 20 characters
+  std::string_view m_text;
+};
+
+/// The pieces joined with nothing between them.
+std::string join(std::initializer_list<TextPiece> pieces);
+
+/// Writes finished text to standard output, whole lines at a time. Safe in a signal handler. Once
+/// the reader of a pipe has gone away it writes nothing more, for the rest of the process: each
+/// attempt would raise SIGPIPE again. Other failures lose the text and nothing else.
+void write_trace(std::string_view text) noexcept;
+
+/// Writes one trace line, "<file>:<operation> <message>" and a line feed, in one go up to 1 KiB.
+void trace_line(const char* file, const char* operation,
+                std::initializer_list<TextPiece> message) noexcept;
+
+/// Traces under the name of the operation that it stands in.
+#define TRACE(...) trace_line(__FILE_NAME__, __func__, {__VA_ARGS__})
+/// Traces from a helper under the name of the operation that the helper is a step of.
+#define TRACE_AS(operation, ...) trace_line(__FILE_NAME__, operation, {__VA_ARGS__})
+
+/// Reads the first line of a sysfs attribute: at most 127 bytes, handed back without the last of
+/// them, which in sysfs is the line feed. Null when the attribute cannot be opened or read, or is
+/// empty.
+std::unique_ptr<char[]> sysfs_read_attr(char const* path);
+
+/// Reads the next line of any length, without its line feed; a last line may lack it. False at the
+/// end of the file or on a read error.
+bool read_line(std::FILE* file, std::string& line);
+
+/// The whole number, base 10, at the start of a text, read as strtol does: leading white space, a
+/// sign, then digits up to the first other character; 0 when there is no digit. Numbers beyond the
+/// range of int become its nearest end, whatever the width of long.
+int parse_int(const char* text);
