@@ -1,0 +1,192 @@
+#include "alert-mgr.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "FanController.h"
+#include "utils.h"
+
+namespace {
+
+constexpr char kOperation[] = "alertNotification";
+constexpr int kResourceRetries = 30;
+constexpr unsigned int kResourceRetrySeconds = 10;
+
+void remove_if_present(FanController& controller, char const* path) {
+  if (controller.check_file(path) != 0) (void)std::remove(path);
+}
+
+void report_fan_failed(FanController& controller, corvane_handle& handle) {
+  if (controller.m_lastFanAlert == ALERT_FAN_FAILED) return;
+  if (controller.m_fanDriverType == FAN_DRIVER_NONE) return;
+  controller.m_lastFanAlert = ALERT_FAN_FAILED;
+  TRACE_AS(kOperation, "!!! The system fan is failing !!!");
+  (void)send_config_to_corvane(&handle, "FanFailed");
+  controller.create_file(FAN_FAILED_FLAG);
+}
+
+void report_fan_working(FanController& controller, corvane_handle& handle) {
+  if (controller.m_lastFanAlert == ALERT_FAN_WORKING) return;
+  controller.m_lastFanAlert = ALERT_FAN_WORKING;
+  TRACE_AS(kOperation, "!!! The system fan is working now !!!");
+  (void)send_config_to_corvane(&handle, "FanRaisedFromDead");
+  remove_if_present(controller, FAN_FAILED_FLAG);
+  controller.refreshTemperature(false);
+}
+
+void report_temp_high(FanController& controller, corvane_handle& handle) {
+  if (controller.m_lastTempAlert == ALERT_TEMP_HIGH) return;
+  controller.m_lastTempAlert = ALERT_TEMP_HIGH;
+  (void)controller.dumpInfoToFile();
+  syslog(LOG_ERR, "%s %s (over %idegC)", "The temperature of the drive(s)",
+         "is above normal values", controller.alertLevel());
+  TRACE_AS(kOperation, "!!! temperature is too high !!!");
+  controller.create_file(HIGH_TEMP_FLAG);
+  remove_if_present(controller, CRIT_TEMP_FLAG);
+  (void)send_config_to_corvane(&handle, "TemperatureAlert");
+}
+
+void report_temp_normal(FanController& controller, corvane_handle& handle) {
+  if (controller.m_lastTempAlert == ALERT_TEMP_NORMAL) return;
+  controller.m_lastTempAlert = ALERT_TEMP_NORMAL;
+  syslog(LOG_ERR, "The temperature of the drive(s) is now normal.");
+  TRACE_AS(kOperation, "!!! temperature is now normal. !!!");
+  if (controller.check_file(CRIT_TEMP_FLAG) != 0) {
+    (void)std::remove(CRIT_TEMP_FLAG);
+  } else {
+    remove_if_present(controller, HIGH_TEMP_FLAG);
+  }
+  (void)send_config_to_corvane(&handle, "OK");
+}
+
+void report_temp_critical(FanController& controller, corvane_handle& handle) {
+  controller.m_lastTempAlert = ALERT_TEMP_CRITICAL;
+  TRACE_AS(kOperation, "!!! temperature is critical, shut down now !!!");
+  (void)controller.dumpInfoToFile();
+  remove_if_present(controller, HIGH_TEMP_FLAG);
+  controller.create_file(CRIT_TEMP_FLAG);
+  syslog(LOG_ERR, "%s (over %idegC)%s", "The temperature of the drive(s) is critical",
+         controller.m_hddCriticalTemp, "SYSTEM WILL NOW SHUTDOWN FOR EMERGENCY");
+  (void)send_config_to_corvane(&handle, "TemperatureTooHigh");
+}
+
+void report_no_drive_temp(corvane_handle& handle) {
+  TRACE_AS(kOperation, "!!! no temperature sensored from any hdd device !!!");
+  syslog(LOG_WARNING, "%s%s\n%s%s", "The drives detected in the system ",
+         "are not providing their temperature values.", "As a precaution, the fan speed is set ",
+         "to the maximum.");
+  (void)send_config_to_corvane(&handle, "KO");
+}
+
+// The line feed inside the message leaves an empty line behind it.
+void trace_missing_file(const FanController& controller, const char* name) {
+  TRACE_AS(kOperation, "!!! unable to find config file ", name, " in ", controller.m_configDir,
+           " !!!\n");
+}
+
+void report_missing_config(FanController& controller, corvane_handle& handle) {
+  controller.m_missingConfigAlertRaised = true;
+  trace_missing_file(controller, CONFIG_FILE);
+  (void)send_config_to_corvane(&handle, "MissingConfig");
+}
+
+void report_missing_cmd_table(FanController& controller, corvane_handle& handle) {
+  trace_missing_file(controller, CMD_TABLE_FILE);
+  controller.m_missingCmdTableAlertRaised = true;
+  if (controller.m_fanDriverType != FAN_DRIVER_NONE) {
+    syslog(LOG_WARNING,
+           "The fan controller could not be initialized. As a precaution, the fan speed is set to "
+           "the maximum.");
+  } else {
+    syslog(LOG_WARNING, "The temperature controller could not be initialized.");
+  }
+  (void)send_config_to_corvane(&handle, "FanNonRotating");
+}
+
+void report(FanController& controller, int kind, corvane_handle& handle) {
+  switch (kind) {
+    case ALERT_FAN_FAILED:
+      return report_fan_failed(controller, handle);
+    case ALERT_FAN_WORKING:
+      return report_fan_working(controller, handle);
+    case ALERT_TEMP_HIGH:
+      return report_temp_high(controller, handle);
+    case ALERT_TEMP_NORMAL:
+      return report_temp_normal(controller, handle);
+    case ALERT_TEMP_CRITICAL:
+      return report_temp_critical(controller, handle);
+    case ALERT_NO_DRIVE_TEMP:
+      return report_no_drive_temp(handle);
+    case ALERT_MISSING_CONFIG:
+      return report_missing_config(controller, handle);
+    case ALERT_MISSING_CMD_TABLE:
+      return report_missing_cmd_table(controller, handle);
+    default:  // ALERT_PID_FILE_ERROR among them: the library is told that something happened
+      return;
+  }
+}
+
+// A plain file of its own behind the descriptor: nothing that somebody linked into the folder.
+bool is_own_plain_file(Descriptor descriptor) {
+  struct stat status {};
+  return ::fstat(descriptor.fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1;
+}
+
+// Opened without following a link at that place and without waiting for a pipe's reader, and
+// emptied only after a look at what was opened: anybody can put anything into /var/tmp.
+bool create_empty(char const* path) {
+  constexpr mode_t kEverybody = 0666;  // less the file mode mask
+  const DescriptorPtr file(Descriptor(
+      ::open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kEverybody)));
+  return file && is_own_plain_file(file.get()) && ::ftruncate(file.get().fd, 0) == 0;
+}
+
+}  // namespace
+
+void FanController::alertNotification(int kind) {
+  corvane_handle handle{};
+  if (corvane_init(&handle) != 0) {
+    syslog(LOG_ERR, "no communication with libcorvane, exit alertnotify\n");
+    return;
+  }
+  wait_for_fan_resource(&handle, corvane_get_config(&handle, FAN_RESOURCE_ID));
+  report(*this, kind, handle);
+  (void)corvane_set_config(&handle, FAN_RESOURCE_ID);
+  (void)corvane_close(&handle);
+}
+
+// Not waiting for a writer when somebody has put a pipe there.
+int FanController::check_file(char const* path) {
+  const DescriptorPtr file(Descriptor(::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC)));
+  return file ? 1 : 0;
+}
+
+void FanController::create_file(char const* path) {
+  if (create_empty(path)) {
+    syslog(LOG_ERR, "Creating %s file", path);
+  } else {
+    syslog(LOG_ERR, "Can't open file %s", path);
+  }
+}
+
+void wait_for_fan_resource(corvane_handle* handle, int lastResult) {
+  for (int retry = 0; lastResult != 0; ++retry) {
+    if (retry == kResourceRetries) {
+      syslog(LOG_ERR, "Empty result for resource");
+      return;
+    }
+    lastResult = corvane_get_config(handle, FAN_RESOURCE_ID);
+    (void)::sleep(kResourceRetrySeconds);
+  }
+}
+
+int send_config_to_corvane(void* handle, char const* status) {
+  TRACE("Send fan status ", status, " to corvane");
+  auto* connection = static_cast<corvane_handle*>(handle);
+  (void)corvane_set_property_string(connection, "status", status);
+  return corvane_set_config(connection, FAN_RESOURCE_ID);
+}
