@@ -252,6 +252,18 @@ void list_disks(std::FILE* partitions, std::vector<std::string>& devices) {
   }
 }
 
+// Where both ways of measuring meet: the new temperature is shown, then it is acted upon.
+void take_temperature(FanController& controller, const char* operation, const char* label,
+                      int temperature) {
+  controller.m_previousTemp = controller.m_currentTemp;
+  controller.m_currentTemp = temperature;
+  TRACE_AS(operation, label, temperature);
+  (void)controller.dumpInfoToFile();
+  if (controller.processCmd()) return;
+  controller.alertNotification(ALERT_NO_DRIVE_TEMP);
+  TRACE_AS(operation, "\nproblem in processing temperature value");
+}
+
 }  // namespace
 
 void FanController::refreshTemperature(bool activateSmart) {
@@ -261,14 +273,7 @@ void FanController::refreshTemperature(bool activateSmart) {
 int FanController::updateSysTemp() {
   const auto value = sysfs_read_attr(m_tempSensorPath.c_str());
   if (!value) return -1;
-  m_previousTemp = m_currentTemp;
-  m_currentTemp = parse_int(value.get()) / kMillidegrees;
-  TRACE("System Temp. = ", m_currentTemp);
-  (void)dumpInfoToFile();
-  if (!processCmd()) {
-    alertNotification(ALERT_NO_DRIVE_TEMP);
-    TRACE("\nproblem in processing temperature value");
-  }
+  take_temperature(*this, __func__, "System Temp. = ", parse_int(value.get()) / kMillidegrees);
   return 0;
 }
 
@@ -299,14 +304,7 @@ int FanController::updateMaxTempHDD(bool activateSmart) {
     maximum = std::max(maximum, temperature);
   }
 
-  m_previousTemp = m_currentTemp;
-  m_currentTemp = maximum;
-  TRACE("TMAX = ", maximum);
-  (void)dumpInfoToFile();
-  if (!processCmd()) {
-    alertNotification(ALERT_NO_DRIVE_TEMP);
-    TRACE("\nproblem in processing temperature value");
-  }
+  take_temperature(*this, __func__, "TMAX = ", maximum);
   return -1;
 }
 
