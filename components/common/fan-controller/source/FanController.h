@@ -50,7 +50,9 @@ class FanController {
   /// then. Any other value: done.
   int updateSysTemp();
   /// Takes the temperature of the hottest disk of /proc/partitions and selects the command for it.
-  /// activateSmart: switch SMART on first, on every disk. Always -1.
+  /// activateSmart: switch SMART on first, on every disk. A disk that cannot be opened is left out,
+  /// no disk at all counts as 0 degrees; without a readable list nothing but the device list
+  /// changes. Always -1.
   int updateMaxTempHDD(bool activateSmart);
   /// The sensor, or else the disks.
   void refreshTemperature(bool activateSmart);

@@ -5,6 +5,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 
 #include "FanController.h"
@@ -16,9 +17,9 @@ constexpr char kOperation[] = "alertNotification";
 constexpr int kResourceRetries = 30;
 constexpr unsigned int kResourceRetrySeconds = 10;
 
-void remove_if_present(FanController& controller, char const* path) {
-  if (controller.check_file(path) != 0) (void)std::remove(path);
-}
+// Not asked first whether it is there: what cannot be read, or is a link to nothing, goes as well.
+// False when there was nothing.
+bool remove_flag(char const* path) { return std::remove(path) == 0 || errno != ENOENT; }
 
 void report_fan_failed(FanController& controller, corvane_handle& handle) {
   if (controller.m_lastFanAlert == ALERT_FAN_FAILED) return;
@@ -34,7 +35,7 @@ void report_fan_working(FanController& controller, corvane_handle& handle) {
   controller.m_lastFanAlert = ALERT_FAN_WORKING;
   TRACE_AS(kOperation, "!!! The system fan is working now !!!");
   (void)send_config_to_corvane(&handle, "FanRaisedFromDead");
-  remove_if_present(controller, FAN_FAILED_FLAG);
+  (void)remove_flag(FAN_FAILED_FLAG);
   controller.refreshTemperature(false);
 }
 
@@ -46,7 +47,7 @@ void report_temp_high(FanController& controller, corvane_handle& handle) {
          "is above normal values", controller.alertLevel());
   TRACE_AS(kOperation, "!!! temperature is too high !!!");
   controller.create_file(HIGH_TEMP_FLAG);
-  remove_if_present(controller, CRIT_TEMP_FLAG);
+  (void)remove_flag(CRIT_TEMP_FLAG);
   (void)send_config_to_corvane(&handle, "TemperatureAlert");
 }
 
@@ -55,11 +56,7 @@ void report_temp_normal(FanController& controller, corvane_handle& handle) {
   controller.m_lastTempAlert = ALERT_TEMP_NORMAL;
   syslog(LOG_ERR, "The temperature of the drive(s) is now normal.");
   TRACE_AS(kOperation, "!!! temperature is now normal. !!!");
-  if (controller.check_file(CRIT_TEMP_FLAG) != 0) {
-    (void)std::remove(CRIT_TEMP_FLAG);
-  } else {
-    remove_if_present(controller, HIGH_TEMP_FLAG);
-  }
+  if (!remove_flag(CRIT_TEMP_FLAG)) (void)remove_flag(HIGH_TEMP_FLAG);
   (void)send_config_to_corvane(&handle, "OK");
 }
 
@@ -67,7 +64,7 @@ void report_temp_critical(FanController& controller, corvane_handle& handle) {
   controller.m_lastTempAlert = ALERT_TEMP_CRITICAL;
   TRACE_AS(kOperation, "!!! temperature is critical, shut down now !!!");
   (void)controller.dumpInfoToFile();
-  remove_if_present(controller, HIGH_TEMP_FLAG);
+  (void)remove_flag(HIGH_TEMP_FLAG);
   controller.create_file(CRIT_TEMP_FLAG);
   syslog(LOG_ERR, "%s (over %idegC)%s", "The temperature of the drive(s) is critical",
          controller.m_hddCriticalTemp, "SYSTEM WILL NOW SHUTDOWN FOR EMERGENCY");

@@ -239,8 +239,9 @@ constexpr std::size_t kPartitionLine = 256;  // a longer line is considered in p
 constexpr std::size_t kDeviceName = 3;       // "sd" and the drive letter
 
 // Collects the whole disks. The name's place and length are all that is looked at, so a 27th disk
-// (sdaa) counts as the first one once more.
-void list_disks(std::FILE* partitions, std::vector<std::string>& devices) {
+// (sdaa) counts as the first one once more. False, and none, when the list cannot be read to its
+// end: the hottest disk may be among those that are missing.
+bool list_disks(std::FILE* partitions, std::vector<std::string>& devices) {
   // Two bytes more than a line takes: the byte behind an "sd" at the very end is looked at too.
   std::array<char, kPartitionLine + 2> line{};
   while (std::fgets(line.data(), kPartitionLine, partitions) != nullptr) {
@@ -250,6 +251,9 @@ void list_disks(std::FILE* partitions, std::vector<std::string>& devices) {
     if (behindLetter >= '0' && behindLetter <= '9') continue;
     devices.push_back(join({"/dev/", std::string_view(name, kDeviceName)}));
   }
+  if (std::ferror(partitions) == 0) return true;
+  devices.clear();
+  return false;
 }
 
 // Where both ways of measuring meet: the new temperature is shown, then it is acted upon.
@@ -271,17 +275,18 @@ void FanController::refreshTemperature(bool activateSmart) {
 }
 
 int FanController::updateSysTemp() {
-  const auto value = sysfs_read_attr(m_tempSensorPath.c_str());
+  auto value = sysfs_read_attr(m_tempSensorPath.c_str());
   if (!value) return -1;
-  take_temperature(*this, __func__, "System Temp. = ", parse_int(value.get()) / kMillidegrees);
+  const int temperature = parse_int(value.get()) / kMillidegrees;
+  value.reset();
+  take_temperature(*this, __func__, "System Temp. = ", temperature);
   return 0;
 }
 
 int FanController::updateMaxTempHDD(bool activateSmart) {
   m_hddDevices.clear();
   const FilePtr partitions(std::fopen(kPartitions, "rb"));
-  if (!partitions) return -1;
-  list_disks(partitions.get(), m_hddDevices);
+  if (!partitions || !list_disks(partitions.get(), m_hddDevices)) return -1;
 
   m_hddTempMap.clear();
   int maximum = 0;
@@ -504,7 +509,6 @@ void configure_i2c(FanController& controller) {
   if (mode && std::strcmp(mode.get(), kCloseLoop) == 0) {
     TRACE_AS(kDiscovery, "Fan mode is close-loop");
     controller.m_closeLoop = true;
-    controller.m_fanCmdPath = attribute_path(controller, "fan1_target");
   } else if (mode) {
     TRACE_AS(kDiscovery, "Fan mode is open-loop");
   }

@@ -1,7 +1,9 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <getopt.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -40,8 +42,9 @@ void brief() {
   (void)std::fputs("\nTarvo HDDs Temperature Sensor & Fan Control\n", stderr);
   (void)std::fputs("A daemon that use SMART attribute #194 to get max of ", stderr);
   (void)std::fputs("HDDs Celsius Temperature and control the system fan.\n\n", stderr);
+  // The sentence stays whole, for grep.
   // clang-format off
-  (void)std::fputs("For a complete spec, please refer to  the internal " "Tarvo products documentation (e.g. dorna_fan_spec.pdf) ", stderr);
+  (void)std::fputs("For a complete spec, please refer to  the internal Tarvo products documentation (e.g. dorna_fan_spec.pdf) ", stderr);
   // clang-format on
   (void)std::fputs("\n", stderr);
 }
@@ -150,11 +153,15 @@ void fill_closed_standard_descriptors() {
 }
 
 // A reader that stops reading, a paused terminal say, must not hold up the fan: lines that it does
-// not take are lost. The pipe or terminal is opened anew, because the mode of the descriptor that
-// was handed down is shared with whoever handed it down.
+// not take are lost. A pipe or terminal is opened anew, because the mode of the descriptor that was
+// handed down is shared with whoever handed it down; a socket, a service manager's, cannot be.
 void keep_traces_from_blocking() {
   struct stat status {};
   if (::fstat(STDOUT_FILENO, &status) != 0) return;
+  if (S_ISSOCK(status.st_mode)) {
+    const timeval patience = {.tv_sec = 0, .tv_usec = 1000};
+    (void)::setsockopt(STDOUT_FILENO, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+  }
   if (!S_ISFIFO(status.st_mode) && !S_ISCHR(status.st_mode)) return;
   const int output = ::open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_NOCTTY);
   if (output < 0) return;

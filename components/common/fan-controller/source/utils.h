@@ -82,8 +82,8 @@ void trace_line(const char* file, const char* operation,
 #define TRACE_AS(operation, ...) trace_line(__FILE_NAME__, operation, {__VA_ARGS__})
 
 /// Reads the first line of a sysfs attribute: at most 127 bytes, handed back without the last of
-/// them, which in sysfs is the line feed. Null when the attribute cannot be opened or read, or is
-/// empty.
+/// them, which in sysfs is the line feed. Null when the attribute cannot be opened or read or is
+/// empty, and, with a trace, when memory runs out.
 std::unique_ptr<char[]> sysfs_read_attr(char const* path);
 
 /// Reads the next line of any length, without its line feed; a last line may lack it. False at the
