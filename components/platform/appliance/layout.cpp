@@ -1,0 +1,76 @@
+#include "layout.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <system_error>
+
+#include "appliance.h"
+
+namespace fs = std::filesystem;
+
+Appliance::Appliance() : m_root(fs::temp_directory_path() / "appliance-XXXXXX") {
+  if (mkdtemp(m_root.data()) == nullptr) std::abort();
+  for (const char* folder : {"/var/run", "/var/tmp", "/dev", "/sys", "/proc", "/etc"}) {
+    fs::create_directories(at(folder));
+  }
+  setenv("APPLIANCE_ROOT", m_root.c_str(), 1);
+  setenv("CORVANE_DIR", at("/corvane").c_str(), 1);
+  setenv("TZ", "UTC", 1);
+  appliance_reset();
+}
+
+Appliance::~Appliance() {
+  for (const char* name : {"APPLIANCE_ROOT", "APPLIANCE_EPOCH", "APPLIANCE_SPEED"}) unsetenv(name);
+  std::error_code ignored;
+  fs::remove_all(m_root, ignored);
+}
+
+std::string Appliance::read(const std::string& path) const {
+  std::ifstream file(at(path), std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void Appliance::write(const std::string& path, const std::string& text) const {
+  fs::create_directories(fs::path(at(path)).parent_path());
+  std::ofstream(at(path), std::ios::binary) << text;
+}
+
+void Appliance::disk(const std::string& name, const std::string& description) const {
+  write("/dev/" + name, "# disk\n" + description);
+}
+
+void Appliance::fan(const std::string& folder, bool gpio) const {
+  for (const char* name : {"fan1_alarm", "fan1_input", "fan1_target", "modalias", "name", "pwm1",
+                           "pwm1_enable", "pwm1_mode", "uevent", "power/control"}) {
+    write(folder + "/" + name, "0\n");
+  }
+  if (gpio) {
+    write(folder + "/fan1_max", "0\n");
+    write(folder + "/fan1_min", "0\n");
+  } else {
+    write(folder + "/fan1_div", "0\n");
+  }
+  fs::create_symlink(at("/sys"), at(folder + "/subsystem"));
+  fs::create_symlink("/nowhere", at(folder + "/dangling"));
+}
+
+void Appliance::config(const std::string& settings, const std::string& table) const {
+  const std::string folder = "/etc/fan_controller";
+  fs::create_directories(at(folder));
+  if (!settings.empty()) write(folder + "/fan_controller.conf", settings);
+  if (!table.empty()) write(folder + "/fan_cmd_tab.conf", table);
+}
+
+std::vector<std::string> Appliance::journal(const std::vector<std::string>& kinds) const {
+  std::vector<std::string> entries;
+  std::ifstream file(at("/journal"));
+  for (std::string line; std::getline(file, line);) {
+    const std::string entry = line.substr(line.find(' ') + 1);
+    const std::string kind = entry.substr(0, entry.find(' '));
+    if (std::find(kinds.begin(), kinds.end(), kind) != kinds.end()) entries.push_back(entry);
+  }
+  fs::remove(at("/journal"));
+  return entries;
+}
