@@ -100,7 +100,7 @@ class FanController {
   std::unique_ptr<SignalFlag> m_switchToNormalMode;
   std::unique_ptr<SignalFlag> m_switchToSpindownMode;
   std::unique_ptr<std::string> m_infoString;  ///< text of the last status dump
-  std::unique_ptr<CurCmd> m_curCmd;           ///< null until discovery
+  std::unique_ptr<CurCmd> m_curCmd;           ///< null until discovery; commands come after it
   std::string m_pidFile;
   int m_fanDriverType;
   std::string m_fanDriverSysfsDir;
@@ -119,7 +119,7 @@ class FanController {
   std::vector<std::string> m_hddDevices;
   std::vector<std::string>::iterator m_hddDevicesIt;
   int m_currentTemp;  ///< -1 until the first measurement
-  int m_previousTemp = -1;
+  int m_previousTemp;
   int m_lastTempAlert;       ///< an AlertKind, or ALERT_UNKNOWN
   int m_lastFanAlert;        ///< an AlertKind, or ALERT_UNKNOWN
   int m_updateFanStatusCnt;  ///< clear alarm readings since the fan failed

@@ -36,6 +36,7 @@ void FanController::set_default_values_to_global_params() {
   m_fanDriverSysfsDir = m_fanAlarmPath;
   m_periodInSec = 180;
   m_currentTemp = -1;
+  m_previousTemp = -1;
   m_lastFanAlert = ALERT_UNKNOWN;
   m_lastTempAlert = ALERT_UNKNOWN;
   m_hddCriticalTemp = 65;
@@ -715,7 +716,7 @@ int FanController::dumpInfoToFile() {
     text += drive_lines(*this, level);
   }
   *m_infoString = std::move(text);
-  // Up to the first NUL: a drive that does not answer has them in its identity.
+  // Up to the first NUL; a drive may have them in its identity.
   (void)std::fputs(m_infoString->c_str(), file.get());
   return 1;
 }

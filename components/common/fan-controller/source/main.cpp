@@ -173,7 +173,19 @@ bool is_directory(const std::string& path) {
   return !path.empty() && DirPtr(::opendir(path.c_str())) != nullptr;
 }
 
+// The signals that have a handler.
+sigset_t handled_signals() {
+  sigset_t signals;
+  (void)::sigemptyset(&signals);
+  for (const SignalAction& action : kSignalActions) (void)::sigaddset(&signals, action.number);
+  return signals;
+}
+
 int run_service(bool oneshot) {
+  // Held back until the handler can reach the controller: a request to stop must not get lost. This
+  // also undoes a mask that was handed down.
+  const sigset_t signals = handled_signals();
+  (void)::sigprocmask(SIG_BLOCK, &signals, nullptr);
   for (const SignalAction& action : kSignalActions) {
     (void)std::signal(action.number, signal_handler);
   }
@@ -181,6 +193,7 @@ int run_service(bool oneshot) {
   try {
     controller = std::make_unique<FanController>(confFilePath);
     publish_flags(*controller);
+    (void)::sigprocmask(SIG_UNBLOCK, &signals, nullptr);
     controller->endlessWatcher(oneshot);
   } catch (const std::exception& error) {
     withdraw_flags();

@@ -128,7 +128,7 @@ int unable_smart_feature(int fd) {
 }
 
 std::string get_identify_data(int fd) {
-  // Blanks, which pad the fields, for a drive that does not answer: NULs would end the status file.
+  // Blanks, as drives pad the fields, stay when the ioctl fails: NULs would end the status file.
   Sector identity;
   identity.fill(' ');
   (void)ata_command_into(fd, kCommandIdentifyDevice, kFeatureNone, identity);

@@ -18,5 +18,5 @@ int get_smart_attr_value(int fd);
 int unable_smart_feature(int fd);
 
 /// "Model: <model without blanks>\tSerial Nb : <20 characters>" from IDENTIFY DEVICE. The fields
-/// are taken whole, NUL characters included; a drive that does not answer has blank fields.
+/// are taken whole, NUL characters included; they are blank when the ioctl fails.
 std::string get_identify_data(int fd);
