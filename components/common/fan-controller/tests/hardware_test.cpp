@@ -1,0 +1,193 @@
+// Fan driver discovery, SMART over the simulated SG_IO, the hottest disk, the status file.
+#include <fcntl.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <utility>
+
+#include "house.h"
+#include "smart.h"
+#include "utils.h"
+
+using namespace std::string_literals;
+
+const std::string kIdentityA = "Model: AB1000CD\tSerial Nb :       XY12345678901Z";
+const std::string kDiskA = "model=AB 1000 CD\nserial=      XY12345678901Z\n";
+const std::string kBlanks(20, ' ');
+using File = std::pair<std::string, std::string>;
+
+// What is found with one file other than the driver has them at first. attribute: of the command.
+static void discovers(FanDriverType type, const std::string& attribute, const File& file,
+                      const std::string& trace, const std::string& configuredAlarm = "",
+                      const std::string& alarm = FAN + "/fan1_alarm",
+                      const std::string& dir = FAN) {
+  CAPTURE(trace);
+  CAPTURE(file.first);
+  Bench bench;
+  bench.fan(FAN, type == FAN_DRIVER_GPIO);
+  bench.write(file.first, file.second);
+  bench.m_fanDriverSysfsDir = dir;
+  bench.m_fanAlarmPath = configuredAlarm;
+  const std::string text = traced([&] { bench.detectProductConfig(); });
+  CHECK(contains(text, trace));
+  CHECK(bench.m_fanDriverType == type);
+  CHECK(bench.m_curCmd->m_driverPath == attribute);
+  CHECK(bench.m_fanAlarmPath == alarm);
+  const std::string fanless =
+      "Unable to find appropriate fan entries in sysfs - consider a fanless product";
+  const std::string outcomes[] = {"4 " + fanless, "6 Match a fan driver GPIO interface",
+                                  "6 Match a fan driver I2C interface"};
+  CHECK(bench.journal({"syslog"}) == Lines{"syslog " + outcomes[type]});
+  CHECK(text.ends_with(fanless + "\n") == (type == FAN_DRIVER_NONE));
+}
+
+TEST_CASE("discovery") {
+  const FanDriverType I2C = FAN_DRIVER_I2C, GPIO = FAN_DRIVER_GPIO, NONE = FAN_DRIVER_NONE;
+  const std::string pwm = FAN + "/pwm1", target = FAN + "/fan1_target", mode = pwm + "_enable";
+  const std::string own = FAN + "/fan1_alarm", other = "/sys/alarm", open = "mode is open-loop\n";
+  discovers(I2C, pwm, {mode, "0\n"}, open);
+  discovers(I2C, target, {mode, "2\n"}, "Fan mode is close-loop\n");
+  discovers(I2C, pwm, {mode, "02\n"}, open);
+  discovers(I2C, pwm, {mode, ""}, "Match a fan driver I2C interface\n");
+  discovers(GPIO, target, {mode, "2\n"}, "Match a fan driver GPIO interface\n");
+  discovers(NONE, "", {FAN + "/extra", ""}, "/sys/fan does not match with any", "", "");
+  discovers(NONE, "", {mode, ""}, "/sys/fan/pwm1does not exist or is", "", "", pwm);
+  discovers(I2C, pwm, {other, "0\n"}, open, other, other);
+  discovers(I2C, pwm, {other, ""}, open, other, own);
+  discovers(I2C, pwm, {own, ""}, open, other, other);
+}
+
+TEST_CASE("temperature and identity of one disk") {
+  const auto disk = [](const std::string& description, int temperature, const std::string& identity,
+                       const std::string& trace) {
+    CAPTURE(description);
+    const Appliance appliance;
+    // Attribute 194 in a 31st entry, which is none.
+    std::string beyond(512, '\0');
+    beyond[2 + 30 * 12] = '\xc2';
+    beyond[2 + 30 * 12 + 5] = 40;
+    appliance.write("/beyond", beyond);
+    appliance.disk("sda", description);
+    const DescriptorPtr sda(Descriptor(::open("/dev/sda", O_RDONLY)));
+    CHECK(traced([&] { CHECK(get_smart_attr_value(sda.get().fd) == temperature); }) == trace);
+    CHECK(get_identify_data(sda.get().fd) == identity);
+  };
+  const std::string entry = "c22200404028000f00320000", other = "0922006464ff000000000000";
+  const std::string silent = "Model: \tSerial Nb : " + kBlanks, nuls(40, '\0');
+  const std::string ab = "model=A\nserial=B\n",
+                    plain = "Model: A\tSerial Nb : B" + kBlanks.substr(1);
+  disk(kDiskA + "slot29=" + entry, 40, kIdentityA, "");
+  disk(ab + "temperature=255\n", 255, plain, "");
+  disk("slot0=" + other + "\nslot3=c22200404029000000000000\nslot4=" + entry, 41, silent, "");
+  disk("model_hex=ff00e9\nserial_hex=80\nslot0=" + other, 0,
+       "Model: \xff\0\xe9"s + nuls.substr(3) + "\tSerial Nb : \x80" + nuls.substr(21), "");
+  disk(ab + "smart_file=beyond\n", 0, plain, "");
+  disk(ab + "temperature=40\nfails=ioctl", 0, silent, "IOCTL error\n");
+  disk(ab + "temperature=40\nfails=reject", 0, silent, "");
+}
+
+TEST_CASE("which disks a partition list names") {
+  const auto devices = [](const std::string& list) {
+    Bench bench;
+    bench.write("/proc/partitions", list);
+    CHECK(bench.updateMaxTempHDD(false) == -1);
+    return bench.m_hddDevices;
+  };
+  const std::string wide(252, ' ');
+  CHECK(devices(
+            "major minor  #blocks  name\n\n   8  0  976 sda\n   8  1  97 sda1\n  31 0 4 mtdblock0\n"
+            "   8 16 976 sdb\n   8 17 97 sdb9\n   9 0 976 md0\n 8 0 9 sdc") ==
+        Lines{"/dev/sda", "/dev/sdb", "/dev/sdc"});
+  CHECK(devices(" 65 160 9 sdaa\n 65 161 9 sdaa1\n") == Lines{"/dev/sda", "/dev/sda"});
+  CHECK(devices(" 8 0 9 sd\n") == Lines{"/dev/sd\n"});
+  // The last bytes of the buffer, a name cut in two, a name and a digit in the second piece.
+  CHECK(devices(wide + " sd") == Lines{"/dev/sd\0"s});
+  CHECK(devices(wide + "  sdb1\n").empty());
+  CHECK(devices(std::string(300, ' ') + "sdb\n") == Lines{"/dev/sdb"});
+  CHECK(devices(wide + "sdb1\n 8 0 9 sdc\n") == Lines{"/dev/sdb", "/dev/sdc"});
+}
+
+TEST_CASE("the hottest disk decides, and the status file pairs list and map") {
+  ::setenv("APPLIANCE_EPOCH", "1767776703", 1);  // 7 January 2026, 09:05:03
+  Bench bench;
+  bench.m_dumpInfoFile = bench.at(STATUS);
+  const auto refresh = [&](bool activateSmart) {
+    return traced([&] { bench.updateMaxTempHDD(activateSmart); });
+  };
+  bench.write("/proc/partitions", "sda\nsda1\nsdb\nsdc\nsdd\n");
+  bench.disk("sda", "model=ZZ\nserial=1\ntemperature=54\n");
+  bench.disk("sdc", kDiskA + "temperature=58\n");
+  bench.disk("sdd", kDiskA + "temperature=55\n");
+  const std::string trace = refresh(true);
+  CHECK(
+      trace.starts_with("fan-ctrl.cpp:updateMaxTempHDD hdd /dev/sda is present \n"
+                        "fan-ctrl.cpp:updateMaxTempHDD Activate smart feature set on device "
+                        "/dev/sda\n"
+                        "fan-ctrl.cpp:updateMaxTempHDD /dev/sda returned temp=54degC\n"
+                        "fan-ctrl.cpp:updateMaxTempHDD hdd /dev/sdb is present \n"
+                        "fan-ctrl.cpp:updateMaxTempHDD and cannot be opened\n"));
+  CHECK(contains(trace, "fan-ctrl.cpp:updateMaxTempHDD TMAX = 58\n"));
+  CHECK(bench.m_currentTemp == 58);
+  CHECK(bench.m_curCmd->m_currentCmd == 255);
+  const Lines commands = bench.journal({"sg_io"});
+  const std::string with = " dir=-3 len=512 sense=32 timeout=20000 ok";
+  REQUIRE(commands.size() == 9);
+  CHECK(Lines(commands.begin(), commands.begin() + 3) ==
+        Lines{"sg_io sda 85060c00d800000000004f00c200b000 dir=-1 len=0 sense=32 timeout=20000 ok",
+              "sg_io sda 85080e00d000010000004f00c200b000" + with,
+              "sg_io sda 85080e000000010000004f00c200ec00" + with});
+  const std::string header =
+      "# Tarvo Fan Controller Service\n# Current state for HDD temperatures\n"
+      "# 55degC is considered as the alert level for HDD temperature\n"
+      "# System time : 9:5:3\t7-1-2026\n";
+  CHECK(*bench.m_infoString ==
+        header + "/dev/sda_is_HOT ; Temp HDD1 = 55degC  [" + kIdentityA + "]\n" +
+            "/dev/sdb_is_OK ; Temp HDD2 = 54degC  [Model: ZZ\tSerial Nb : 1" + kBlanks.substr(1) +
+            "]\n");
+
+  // A disk that is gone is forgotten. A NUL in an identity ends the text in the file, not the text
+  // that is kept.
+  bench.write("/proc/partitions", "sda\n");
+  bench.disk("sda", "model_hex=4100\nserial=1\ntemperature=31\n");
+  refresh(false);
+  CHECK(bench.journal({"sg_io"}).size() == 2);
+  CHECK(bench.m_previousTemp == 58);
+  const std::string cut = header + "/dev/sda_is_OK ; Temp HDD1 = 31degC  [Model: A";
+  CHECK(bench.read(STATUS) == cut);
+  CHECK(bench.m_infoString->ends_with("]\n"));
+  CHECK(bench.m_infoString->starts_with(cut));
+
+  // No list of partitions: nothing but the device list changes.
+  bench.remove("/proc/partitions");
+  CHECK(refresh(false).empty());
+  CHECK(bench.m_hddDevices.empty());
+  CHECK(bench.m_hddTempMap.size() == 1);
+  CHECK(bench.m_previousTemp == 58);
+}
+
+static FanController* running = nullptr;
+
+TEST_CASE("a thousand cycles leave no descriptor behind and switch SMART on once") {
+  Bench bench;
+  running = &bench;
+  std::signal(SIGTERM, [](int) { *running->m_isSigTermDetected = true; });
+  bench.fan(FAN, false);
+  bench.config("period_in_sec=1\nfan_driver_sysfs_dir=" + FAN +
+                   "\ntemp_sensor_sysfs_entry=" + SENSOR + "\ndump_info_to_file=" + STATUS + "\n",
+               TABLE);
+  bench.write("/proc/partitions", "sda\nsdb\n");
+  bench.disk("sda", "temperature=47\n");
+  // Half of them with the sensor, a quarter of them without the alarm.
+  bench.write("/timeline",
+              "500 write /sys/temp 36000\n750 remove /sys/fan/fan1_alarm\n1000 signal TERM\n");
+  const auto descriptors = [] {
+    const std::filesystem::directory_iterator open("/proc/self/fd");
+    return std::distance(begin(open), end(open));
+  };
+  const auto before = descriptors();
+  bench.endlessWatcher(false);
+  std::signal(SIGTERM, SIG_DFL);
+  CHECK(descriptors() == before);
+  CHECK(bench.m_curCmd->m_currentCmd == 150);
+  CHECK(bench.journal({"sg_io"}).size() == 1 + 2 * 500);
+}

@@ -1,0 +1,214 @@
+// The shipped binary on a simulated appliance, its waits on the simulated clock.
+#include <csignal>
+#include <cstdlib>
+
+#include "house.h"
+
+namespace {
+
+const std::string kUsage =
+    "usage: \n\t/sbin/fan_controller [+--oneshot] [+--verbose] --config-dir=path_to_config_dir\n\n"
+    "example: /sbin/fan_controller --config-dir=/etc/fan_controller\n\t\n";
+const std::string kBrief =
+    "\nTarvo HDDs Temperature Sensor & Fan Control\n"
+    "A daemon that use SMART attribute #194 to get max of HDDs Celsius Temperature and control the "
+    "system fan.\n\n"
+    "For a complete "
+    "spec, please refer to  the internal Tarvo products documentation (e.g. dorna_fan_spec.pdf) \n";
+
+const std::string kDriver = "fan_driver_sysfs_dir=" + FAN + "\n";
+const std::string kSensor = "temp_sensor_sysfs_entry=" + SENSOR + "\n";
+const std::string kSettings = kDriver + kSensor;
+
+// A product with an I2C fan, a sensor and two disks.
+struct Product : Appliance {
+  explicit Product(const std::string& timeline = "", const std::string& settings = kSettings,
+                   const std::string& table = TABLE, bool gpio = false) {
+    fan(FAN, gpio);
+    write(SENSOR, "36000\n");
+    write("/proc/partitions", "   8 0 9 sda\n   8 16 9 sdb\n   8 17 9 sdb1\n");
+    disk("sda", "temperature=31\n");
+    disk("sdb", "temperature=47\n");
+    config(settings, table);
+    write("/timeline", timeline);
+  }
+  // The fan command in force: the record without its padding.
+  std::string command(const std::string& name = "pwm1") const {
+    return read(FAN + "/" + name).c_str();
+  }
+  // What a run of the service traces until it ends by itself.
+  std::string run(const Lines& arguments = {"--verbose", "-c", CONFIG}) const {
+    Service service(*this, arguments);
+    CHECK(service.parentStatus == 0);
+    REQUIRE(service.wait_end() == 0);
+    return read("/out");
+  }
+};
+
+}  // namespace
+
+TEST_CASE("command line and exit statuses") {
+  const auto found = [](const std::string& directory) {
+    return "main.cpp:main option config dir detected: " + directory + "\n";
+  };
+  const std::string good = "--config-dir=" + CONFIG, file = CONFIG + "/fan_cmd_tab.conf";
+  const std::string once = "main.cpp:main option oneshot detected\n";
+  const auto starts = [](const Lines& arguments, bool runs, const std::string& output,
+                         const std::string& errors) {
+    CAPTURE(output);
+    CAPTURE(errors);
+    const Product product;
+    Service service(product, arguments);
+    CHECK(service.parentStatus == (runs ? 0 : 1));
+    REQUIRE((service.daemon != 0) == runs);
+    if (runs) CHECK(service.wait_end() == 0);
+    CHECK(product.read("/out") == output);
+    const std::string written = product.read("/err");  // getopt's own messages among it
+    CHECK(written.ends_with(errors));
+    CHECK(written.empty() == errors.empty());
+    CHECK((product.command() == "150") == runs);
+    CHECK_FALSE(product.exists(PID_FILE));
+  };
+  starts({}, false, "", "");
+  starts({"-o", "-h", "-c", CONFIG}, true, once + found(CONFIG), kBrief + kUsage);
+  starts({"--help"}, false, "", kBrief + kUsage);
+  starts({"--config-dir="}, false, found(""), "");
+  starts({good, "-c", "/sys/none"}, false, found(CONFIG) + found("/sys/none"), "");
+  starts({"-c", file}, false, found(file), "");
+  starts({"-c", "/sys/none", good, "--oneshot"}, true, found("/sys/none") + found(CONFIG) + once,
+         "");
+  starts({good, "-o", "stray", "other"}, true, found(CONFIG) + once,
+         kUsage + "non-option ARGV-elements: stray other \n");
+  starts({"-x", "-o", "-c"}, false, once, kUsage);
+}
+
+TEST_CASE("start-up: missing files are asked for every 300 seconds and reported once") {
+  const Product product("601 write /etc/fan_controller/fan_controller.conf " + kDriver +
+                            "1501 write /etc/fan_controller/fan_cmd_tab.conf 30=77\n",
+                        "", "");
+  for (auto* flag : {CRIT_TEMP_FLAG, HIGH_TEMP_FLAG, FAN_FAILED_FLAG}) product.write(flag, "");
+  const std::string text = product.run({"-o", "--verbose", "-c", CONFIG});
+  std::size_t from = 0;
+  for (const std::string part :
+       {"endlessWatcher pid = ",
+        "loadConfig Fail to open configfile /etc/fan_controller/fan_controller.conf\n",
+        "Send fan status MissingConfig to corvane\n", "endlessWatcher => config file loaded\n",
+        "CurCmd CurCmd object created\n", "Send fan status FanNonRotating to corvane\n",
+        "loadValuesTab => value tab file loaded \n"
+        "fan-ctrl.cpp:endlessWatcher values tab: /etc/fan_controller/fan_cmd_tab.conf\n"
+        "fan-ctrl.cpp:endlessWatcher 30 => 77\n"
+        "fan-ctrl.cpp:endlessWatcher 2 : m_lastFanAlert -1\n"
+        "fan-ctrl.cpp:endlessWatcher 2 : m_lastTempAlert -1\n"
+        "fan-ctrl.cpp:endlessWatcher 4 : m_lastFanAlert 0\n"
+        "fan-ctrl.cpp:endlessWatcher 4 : m_lastTempAlert 4\n"
+        "fan-ctrl.cpp:updateMaxTempHDD hdd /dev/sda is present \n"}) {
+    CAPTURE(part);
+    from = text.find(part, from);
+    REQUIRE(from != std::string::npos);
+    if (part.starts_with("Send")) CHECK(text.rfind(part) == from);
+  }
+  CHECK_FALSE(contains(text, "Do some cleanup"));
+  CHECK(product.journal({"sleep", "select"}) == Lines(1800, "sleep 1"));
+  CHECK(product.command() == "77");
+  CHECK(product.read("/corvane/resource-16") == "status=TemperatureAlert\n");
+}
+
+TEST_CASE("a day of the service") {
+  const Product product(
+      "50 write /sys/temp 50000\n150 signal USR1\n200 write /sys/temp 25000\n"
+      "210 remove /sys/fan/fan1_alarm\n260 signal USR2\n270 signal USR1\n"
+      "460 signal HUP\n470 signal PIPE\n480 signal ALRM\n500 signal TERM\n",
+      kSettings + "period_in_sec=100\npid_file=/var/run/other.pid\n");
+  product.write("/var/run/other.pid", "");
+  const std::string text = product.run();
+  const std::string sent = "syslog 6 Send new value to fan ";
+  Lines commands = product.journal({"syslog"});
+  std::erase_if(commands, [&](const std::string& line) { return !line.starts_with(sent); });
+  CHECK(commands == Lines{sent + "150", sent + "200", sent + "100"});
+  const std::string spindown = "endlessWatcher Switch to spindown mode 100\n";
+  const std::size_t first = text.find(spindown), second = text.find(spindown, first + 1);
+  REQUIRE(second != std::string::npos);
+  CHECK(text.rfind(spindown) == second);
+  for (const std::string name : {"SIGHUP", "SIGPIPE", "SIGALARM", "SIGTERM"}) {
+    CHECK(contains(text, "main.cpp:signal_handler " + name + " detected\n"));
+  }
+  CHECK_FALSE(contains(text, "SIGUSR"));
+  CHECK_FALSE(contains(text, "corrupted"));  // a time-out is no failure, nor is a signal
+  // Both requests pending: back to normal first, spindown again one cycle later.
+  CHECK(text.find("endlessWatcher Switch to normal mode\n") < text.rfind("System Temp. = 25"));
+  CHECK(text.rfind("System Temp. = 25") < second);
+  // The configured path is removed, the file that was written stays.
+  CHECK_FALSE(product.exists("/var/run/other.pid"));
+  const std::string pid = std::to_string(std::stoi(product.read(PID_FILE)));
+  CHECK(contains(text, "pid = " + pid + " stored in /var/run/fan_controller.pid\n"));
+  CHECK(product.read(PID_FILE) == pid + "\n");
+}
+
+// One kind of product: a part of what it traces, its last command, and the waits until SIGTERM.
+static void ends(const std::string& trace, const std::string& command, const Lines& waits,
+                 const std::string& settings, const std::string& table = TABLE,
+                 const std::string& mode = "0\n", const std::string& timeline = "3 signal TERM\n") {
+  CAPTURE(trace);
+  CAPTURE(settings);
+  const Product product(timeline, settings, table, contains(trace, "GPIO"));
+  product.write(FAN + "/pwm1_enable", mode);
+  CHECK(contains(product.run() + "(end)", trace));
+  CHECK(product.journal({"sleep", "select"}) == waits);
+  CHECK(product.command(mode == "2\n" ? "fan1_target" : "pwm1") == command);
+  CHECK(product.exists(PID_FILE) == (settings.empty() || table.empty()));
+}
+
+TEST_CASE("every kind of product, every kind of wait, ended by SIGTERM") {
+  const Lines select = {"select 180 nfds=1"}, counted(3, "sleep 1");
+  ends("I2C interface\n", "150", select, kSettings);
+  ends("close-loop\n", "150", select, kSettings, TABLE, "2\n");
+  ends("GPIO interface\n", "200", select, kDriver, TABLE, "2\n");
+  ends("TMAX = 47\n", "200", select, kDriver + "temp_sensor_sysfs_entry=/sys/none\n");
+  ends("SIGTERM detected\nfan-ctrl.cpp:endlessWatcher Exit now !!\n", "0\n", counted, kSensor);
+  ends("TMAX = 47\n", "0\n", counted, "#\n");
+  ends("endlessWatcher get down the fan to the minimum speed before exit\n", "100",
+       {"select 2 nfds=1", "sleep 1", "sleep 1", "sleep 1"}, kSettings + "period_in_sec=2\n", TABLE,
+       "0\n", "0 remove /sys/fan/fan1_alarm\n5 signal TERM\n");
+  ends("SIGTERM detected\n(end)", "0\n", Lines(2, "sleep 1"), "period_in_sec=2\n", TABLE, "0\n",
+       "2 signal TERM\n");
+  ends("raise alert\nfan-ctrl.cpp:getFanAlarm m_lastFanAlert 1\n", "150",
+       select + Lines{"sleep 10"}, kSettings, TABLE, "0\n",
+       "2 write /sys/fan/fan1_alarm 1\n3 signal TERM\n");
+  ends("SIGTERM detected\n(end)", "0\n", counted, "");
+  ends("SIGTERM detected\n(end)", "0\n", counted, kSettings, "");
+}
+
+TEST_CASE("a verbose run whose reader has gone away, or reads no more, goes on") {
+  for (const Reader reader : {Reader::kGone, Reader::kStalled}) {
+    // More lines than a pipe holds, then what has to be seen all the same.
+    const Product product("2000 write /sys/temp 60000\n2001 signal PIPE\n2003 signal TERM\n",
+                          kSettings + "period_in_sec=1\n");
+    Service service(product, {"--verbose", "-c", CONFIG}, reader);
+    CHECK(service.parentStatus == 0);
+    CHECK(service.wait_end() == 0);
+    CHECK(product.command() == "255");
+    CHECK(product.journal({"select"}).size() == 2003);
+  }
+}
+
+TEST_CASE("a real signal ends a real wait at once") {
+  for (const int signal : {SIGTERM, SIGINT}) {
+    CAPTURE(signal);
+    const Product product;
+    ::setenv("APPLIANCE_SPEED", "1", 1);
+    Service service(product);
+    REQUIRE(eventually([&] { return !product.journal({"select"}).empty(); }));
+    ::kill(service.daemon, SIGSYS);  // changes nothing
+    CHECK(service.wait_end(signal) == (signal == SIGINT ? SIGINT : 0));
+    CHECK(product.exists(PID_FILE) == (signal == SIGINT));
+  }
+}
+
+TEST_CASE("a select that fails is traced, and the service goes on") {
+  const Product product;
+  product.write("/select", "-1");
+  Service service(product);
+  const std::string trace = " corrupted after select() returned\n";
+  CHECK(eventually([&] { return contains(product.read("/out"), trace); }));
+  CHECK(service.wait_end(SIGTERM) == 0);
+}
