@@ -17,6 +17,10 @@ set(documents usr/share/doc/${package})
 set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 
+if(NOT CORVANE_LIBRARY)
+  install(CODE "message(WARNING \"linked against the stand-in for libcorvane, which is not \"
+    \"installed: set CORVANE_LIBRARY and CORVANE_INCLUDE_DIR for the appliance\")")
+endif()
 install(TARGETS fan_controller RUNTIME DESTINATION sbin)
 # An installation over an older one keeps its settings.
 foreach(settings fan_controller.conf fan_cmd_tab.conf)

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <memory>
 
 #include "FanController.h"
 #include "utils.h"
@@ -16,6 +17,12 @@ namespace {
 constexpr char kOperation[] = "alertNotification";
 constexpr int kResourceRetries = 30;
 constexpr unsigned int kResourceRetrySeconds = 10;
+
+// Closes a connection whose storage is somebody else's.
+struct ConnectionCloser {
+  void operator()(corvane_handle* handle) const { (void)corvane_close(handle); }
+};
+using ConnectionPtr = std::unique_ptr<corvane_handle, ConnectionCloser>;
 
 // Not asked first whether it is there: what cannot be read, or is a link to nothing, goes as well.
 // False when there was nothing.
@@ -150,10 +157,10 @@ void FanController::alertNotification(int kind) {
     syslog(LOG_ERR, "no communication with libcorvane, exit alertnotify\n");
     return;
   }
+  const ConnectionPtr connection(&handle);
   wait_for_fan_resource(&handle, corvane_get_config(&handle, FAN_RESOURCE_ID));
   report(*this, kind, handle);
   (void)corvane_set_config(&handle, FAN_RESOURCE_ID);
-  (void)corvane_close(&handle);
 }
 
 // Not waiting for a writer when somebody has put a pipe there.

@@ -177,7 +177,7 @@ void wait_and_check_alarm(FanController& controller, int alarm, int period) {
   if (result == 0 || !fits || FD_ISSET(alarm, &attributes)) {
     controller.getFanAlarm(&alarm, true);
   } else {
-    TRACE_AS(kWatcher, "file descriptor ", alarm, " corrupted after ", "select() returned");
+    TRACE_AS(kWatcher, "file descriptor ", alarm, " corrupted after select() returned");
   }
 }
 
@@ -536,7 +536,7 @@ void find_driver(FanController& controller) {
   const std::string& path = controller.m_fanDriverSysfsDir;
   const DirPtr directory(::opendir(path.c_str()));
   if (!directory) {
-    TRACE_AS(kDiscovery, "config dir ", path, "does not exist ", "or is not a directory");
+    TRACE_AS(kDiscovery, "config dir ", path, "does not exist or is not a directory");
     return;
   }
   TRACE_AS(kDiscovery, "Get current entries in sysfs ", path);

@@ -30,6 +30,9 @@ static_assert(std::atomic<SignalFlag*>::is_always_lock_free);
 
 namespace {
 
+constexpr char kNull[] = "/dev/null";
+constexpr int kSocketPatienceUs = 1000;
+
 void usage() {
   (void)std::fputs("usage: \n\t/sbin/fan_controller ", stderr);
   (void)std::fputs("[+--oneshot] [+--verbose] ", stderr);
@@ -137,18 +140,21 @@ void report_stray_arguments(int argc, char* argv[]) {
   (void)std::fputs("\n", stderr);
 }
 
-void redirect_to_null(int descriptor, int mode) {
-  const int null = ::open("/dev/null", mode);
-  if (null < 0 || null == descriptor) return;
-  (void)::dup2(null, descriptor);
-  (void)::close(null);
+// Puts a file in the place of a descriptor, which stays as it is when the file cannot be opened.
+void redirect(int descriptor, const char* path, int mode) {
+  DescriptorPtr target(Descriptor(::open(path, mode)));
+  if (target.get() == Descriptor(descriptor)) {
+    (void)target.release();
+  } else if (target) {
+    (void)::dup2(target.get().fd, descriptor);
+  }
 }
 
 // A descriptor that the caller has closed would be given to the next file opened, and trace lines
 // would then go into that file.
 void fill_closed_standard_descriptors() {
   for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-    if (::fcntl(descriptor, F_GETFD) < 0) redirect_to_null(descriptor, O_RDWR);
+    if (::fcntl(descriptor, F_GETFD) < 0) redirect(descriptor, kNull, O_RDWR);
   }
 }
 
@@ -159,14 +165,11 @@ void keep_traces_from_blocking() {
   struct stat status {};
   if (::fstat(STDOUT_FILENO, &status) != 0) return;
   if (S_ISSOCK(status.st_mode)) {
-    const timeval patience = {.tv_sec = 0, .tv_usec = 1000};
+    const timeval patience = {.tv_sec = 0, .tv_usec = kSocketPatienceUs};
     (void)::setsockopt(STDOUT_FILENO, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+  } else if (S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode)) {
+    redirect(STDOUT_FILENO, "/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_NOCTTY);
   }
-  if (!S_ISFIFO(status.st_mode) && !S_ISCHR(status.st_mode)) return;
-  const int output = ::open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_NOCTTY);
-  if (output < 0) return;
-  (void)::dup2(output, STDOUT_FILENO);
-  (void)::close(output);
 }
 
 bool is_directory(const std::string& path) {
@@ -215,8 +218,8 @@ int main(int argc, char* argv[]) {
   report_stray_arguments(argc, argv);
   fill_closed_standard_descriptors();
   if (verbose_flag == 0) {
-    redirect_to_null(STDIN_FILENO, O_RDONLY);
-    redirect_to_null(STDOUT_FILENO, O_WRONLY);
+    redirect(STDIN_FILENO, kNull, O_RDONLY);
+    redirect(STDOUT_FILENO, kNull, O_WRONLY);
   } else {
     keep_traces_from_blocking();
   }

@@ -1,5 +1,6 @@
-// ATA SMART access to a disk: ATA PASS-THROUGH (16) command blocks (SCSI/ATA Translation, SAT)
-// carried by the kernel's SG_IO ioctl. Descriptors are opened and closed by the caller.
+// ATA SMART access to a disk: commands of the ATA/ATAPI command set in ATA PASS-THROUGH (16)
+// command blocks (SCSI/ATA Translation, SAT), carried by the kernel's SG_IO ioctl. Descriptors are
+// opened and closed by the caller.
 #pragma once
 
 #include <string>
@@ -10,7 +11,8 @@
 /// most.
 int do_ata_command(int fd, int command, int feature, char* buffer);
 
-/// The drive's temperature in degrees Celsius, 0 to 255: lowest raw byte of SMART attribute 194.
+/// The drive's temperature in degrees Celsius, 0 to 255: lowest raw byte of attribute 194 in SMART
+/// READ DATA, where makers of disks agree to keep it though the standard leaves it to them.
 /// 0 when the drive has no such attribute or did not answer.
 int get_smart_attr_value(int fd);
 

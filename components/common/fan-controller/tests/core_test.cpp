@@ -98,7 +98,8 @@ TEST_CASE("command table") {
 TEST_CASE("a command reaches the driver once, as a record of 32 bytes") {
   const std::pair<std::string, bool> cases[] = {
       {SENSOR, true}, {"", false}, {"/sys/none/pwm1", false}, {"/dev/full", true}};
-  for (const auto& [path, opened] : cases) {
+  for (const auto& each : cases) {
+    const std::string& path = each.first;
     CAPTURE(path);
     const Appliance appliance;
     appliance.write(SENSOR, std::string(40, '9'));
@@ -109,7 +110,7 @@ TEST_CASE("a command reaches the driver once, as a record of 32 bytes") {
     };
     const auto changed = [&](const std::string& from, const std::string& to) {
       return Lines{"syslog 6 m_currentCmd " + from, "syslog 4 updating m_currentCmd to val " + to} +
-             (opened ? Lines{"syslog 6 Send new value to fan " + to} : Lines{});
+             (each.second ? Lines{"syslog 6 Send new value to fan " + to} : Lines{});
     };
     CHECK(set(-1) == Lines{"syslog 6 m_currentCmd -1"});
     CHECK(set(INT_MIN) == changed("-1", "-2147483648"));
