@@ -162,7 +162,7 @@ struct SignalName {
 };
 constexpr SignalName kSignals[] = {
     {"TERM", SIGTERM}, {"USR1", SIGUSR1}, {"USR2", SIGUSR2}, {"HUP", SIGHUP},
-    {"PIPE", SIGPIPE}, {"ALRM", SIGALRM}, {"INT", SIGINT},   {"STOP", SIGSTOP},
+    {"PIPE", SIGPIPE}, {"ALRM", SIGALRM}, {"INT", SIGINT},
 };
 
 // Only a signal that runs a handler ends a system call.

@@ -116,7 +116,7 @@ TEST_CASE("start-up: missing files are asked for every 300 seconds and reported 
 TEST_CASE("a day of the service") {
   const Product product(
       "50 write /sys/temp 50000\n150 signal USR1\n200 write /sys/temp 25000\n"
-      "210 remove /sys/fan/fan1_alarm\n260 signal USR2\n270 signal USR1\n"
+      "210 mode /sys/fan/fan1_alarm 200\n260 signal USR2\n270 signal USR1\n"
       "460 signal HUP\n470 signal PIPE\n480 signal ALRM\n500 signal TERM\n",
       kSettings + "period_in_sec=100\npid_file=/var/run/other.pid\n");
   product.write("/var/run/other.pid", "");
