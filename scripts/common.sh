@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Sourced by the other scripts: the Debian packages they need, and how they build.
+# Sourced by the other scripts: what they share.
 set -euo pipefail
 
 # What a build and the tests need on a bare Debian 12.
@@ -7,8 +7,16 @@ set -euo pipefail
 build_packages=(cmake g++ make libc6-dev)
 # shellcheck disable=SC2034
 test_packages=("${build_packages[@]}" doctest-dev)
-# shellcheck disable=SC2034
-arm_packages=(g++-arm-linux-gnueabihf libc6-dev-armhf-cross qemu-user)
+
+# cross_packages PRESET: sets cross_packages, what a preset for another processor needs beside them.
+cross_packages() {
+  cross_packages=()
+  case $1 in
+    armel) cross_packages=(g++-arm-linux-gnueabi libc6-dev-armel-cross qemu-user) ;;
+    arm) cross_packages=(g++-arm-linux-gnueabihf libc6-dev-armhf-cross qemu-user) ;;
+    arm64) cross_packages=(g++-aarch64-linux-gnu libc6-dev-arm64-cross qemu-user) ;;
+  esac
+}
 
 is_installed() {
   dpkg-query -W -f='${db:Status-Status}\n' "$1" 2>/dev/null | grep -qx installed
