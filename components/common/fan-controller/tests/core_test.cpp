@@ -3,7 +3,7 @@
 #include <regex>
 #include <utility>
 
-#include "house.h"
+#include "fixtures.h"
 #include "utils.h"
 
 using namespace std::string_literals;

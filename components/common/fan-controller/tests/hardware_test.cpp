@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <utility>
 
-#include "house.h"
+#include "fixtures.h"
 #include "smart.h"
 #include "utils.h"
 

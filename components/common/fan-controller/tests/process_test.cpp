@@ -2,7 +2,7 @@
 #include <csignal>
 #include <cstdlib>
 
-#include "house.h"
+#include "fixtures.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include "house.h"
+#include "fixtures.h"
 
 namespace fs = std::filesystem;
 

@@ -1,4 +1,4 @@
-#include "house.h"
+#include "fixtures.h"
 
 #include <fcntl.h>
 #include <sys/prctl.h>
