@@ -7,7 +7,10 @@
 //   APPLIANCE_EPOCH  what time() returns at the start; the real time at first use by default
 //   APPLIANCE_SPEED  simulated seconds per real second of waiting; 0 or unset: waits take no time
 //
-//   <root>/journal   what happened: `<seconds since start> <kind> <text>`, one event a line
+//   <root>/journal   what happened: `<seconds since start> <kind> <text>`, one event a line. The
+//                    first one, `preload`, tells that the simulation stands before the program.
+//   <root>/outside   in the same form, what the program opened for writing, made, renamed or
+//                    removed outside the root (/dev/null apart): there should be none
 //   <root>/timeline  what shall happen while the program waits, in ascending order of seconds:
 //                    `<seconds> write <path> <text>`, `<seconds> remove <path>`,
 //                    `<seconds> mode <path> <octal>`, `<seconds> signal <NAME>`

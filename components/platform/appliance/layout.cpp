@@ -10,7 +10,15 @@
 
 namespace fs = std::filesystem;
 
-Appliance::Appliance() : m_root(fs::temp_directory_path() / "appliance-XXXXXX") {
+// The dynamic linker takes LD_PRELOAD apart at blanks and colons and replaces what follows a dollar
+// sign; a library in this folder can be named there.
+static fs::path folder_for_roots() {
+  constexpr char kSafe[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._+-";
+  const fs::path folder = fs::temp_directory_path();
+  return folder.native().find_first_not_of(kSafe) == std::string::npos ? folder : "/tmp";
+}
+
+Appliance::Appliance() : m_root(folder_for_roots() / "appliance-XXXXXX") {
   if (mkdtemp(m_root.data()) == nullptr) std::abort();
   for (const char* folder : {"/var/run", "/var/tmp", "/dev", "/sys", "/proc", "/etc"}) {
     fs::create_directories(at(folder));

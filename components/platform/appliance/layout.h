@@ -7,7 +7,8 @@
 #include <vector>
 
 // A fresh folder that this program's absolute paths are sent to, and a clock at 0, for as long as
-// the object lives. Children that are started meanwhile find the same appliance.
+// the object lives. Children that are started meanwhile find the same appliance. The folder's path
+// can be used in LD_PRELOAD, whatever the folder for temporary files is called.
 class Appliance {
  public:
   Appliance();

@@ -7,10 +7,11 @@
 #include "utils.h"
 
 using namespace std::string_literals;
+namespace fs = std::filesystem;
 using Table = std::map<int, int>;
 
 TEST_CASE("the first line of an attribute, without its last byte") {
-  const Appliance appliance;
+  const TestAppliance appliance;
   const auto attribute = [](const std::string& path) {
     const auto value = sysfs_read_attr(path.c_str());
     return value ? std::string(value.get()) : "nothing";
@@ -32,7 +33,7 @@ TEST_CASE("the first line of an attribute, without its last byte") {
 }
 
 TEST_CASE("settings") {
-  const Appliance appliance;
+  const TestAppliance appliance;
   const auto settings = [&](const std::string& file) {
     appliance.config(file, "");
     FanController c(CONFIG + "/");
@@ -67,7 +68,7 @@ TEST_CASE("settings") {
 }
 
 TEST_CASE("teardown") {
-  const Appliance appliance;
+  const TestAppliance appliance;
   const std::string trace = traced([] {
     FanController controller(CONFIG);
     controller.m_curCmd = std::make_unique<CurCmd>();
@@ -80,7 +81,7 @@ TEST_CASE("teardown") {
 }
 
 TEST_CASE("command table") {
-  const Appliance appliance;
+  const TestAppliance appliance;
   const auto table = [&](const std::string& file) {
     appliance.write(CONFIG + "/fan_cmd_tab.conf", file);
     FanController controller(CONFIG);
@@ -97,12 +98,13 @@ TEST_CASE("command table") {
 
 TEST_CASE("a command reaches the driver once, as a record of 32 bytes") {
   const std::pair<std::string, bool> cases[] = {
-      {SENSOR, true}, {"", false}, {"/sys/none/pwm1", false}, {"/dev/full", true}};
+      {SENSOR, true}, {"", false}, {"/sys/none/pwm1", false}, {"/sys/full", true}};
   for (const auto& each : cases) {
     const std::string& path = each.first;
     CAPTURE(path);
-    const Appliance appliance;
+    const TestAppliance appliance;
     appliance.write(SENSOR, std::string(40, '9'));
+    fs::create_symlink("/dev/full", appliance.at("/sys/full"));
     CurCmd command(path);
     const auto set = [&](int value) {
       command.set_cur_cmd_val(value);

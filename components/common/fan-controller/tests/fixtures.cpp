@@ -17,6 +17,8 @@
 
 #include "appliance.h"
 
+namespace fs = std::filesystem;
+
 Lines operator+(Lines left, const Lines& right) {
   left.insert(left.end(), right.begin(), right.end());
   return left;
@@ -38,6 +40,8 @@ bool eventually(const std::function<bool()>& condition) {
   return false;
 }
 
+TestAppliance::~TestAppliance() { CHECK(read("/outside") == ""); }
+
 Bench::Bench() : FanController(CONFIG) {
   corvaneInitResult = corvaneEmptyFetches = 0;
   CHECK(journal({"syslog"}) ==
@@ -48,27 +52,24 @@ Bench::Bench() : FanController(CONFIG) {
   m_lastFanAlert = ALERT_FAN_WORKING;
 }
 
-Service::Service(const Appliance& appliance, Lines arguments, Reader reader) {
-  (void)::prctl(PR_SET_CHILD_SUBREAPER, 1);
+// Runs the service's binary with the simulation before it up to its exit, and gives its exit
+// status, or -1.
+static int execute(const Appliance& appliance, const Lines& arguments, int output) {
   // The preloaded library stands before the sanitizers' own in the search order; that is harmless.
   ::setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
-  // The library is meant for the service alone, not for what runs it.
+  // The path of the library itself may hold a blank or a colon, where LD_PRELOAD ends a name.
+  const std::string library = appliance.at("/appliance.so");
+  if (!fs::is_symlink(library)) fs::create_symlink(APPLIANCE_LIBRARY, library);
+  // It is meant for the service alone, not for what runs it.
   const char* emulator = std::getenv("FAN_TEST_EMULATOR");
   const bool emulated = emulator != nullptr && *emulator != '\0';
   std::istringstream runner(emulated ? std::string(emulator) + " -E" : "env");
   Lines words(std::istream_iterator<std::string>(runner), {});
-  words = words + Lines{"LD_PRELOAD=" APPLIANCE_LIBRARY, FAN_CONTROLLER_BINARY} + arguments;
+  words = words + Lines{"LD_PRELOAD=" + library, FAN_CONTROLLER_BINARY} + arguments;
   std::vector<char*> argv;
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
 
-  const std::string out = appliance.at("/out");
-  if (reader != Reader::kFile) {
-    REQUIRE(::mkfifo(out.c_str(), 0600) == 0);
-    m_readEnd = ::open(out.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  }
-  const int output = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (reader == Reader::kGone) ::close(std::exchange(m_readEnd, -1));
   const pid_t parent = ::fork();
   if (parent == 0) {
     ::dup2(output, STDOUT_FILENO);
@@ -76,10 +77,29 @@ Service::Service(const Appliance& appliance, Lines arguments, Reader reader) {
     ::execvp(argv[0], argv.data());
     ::_exit(127);
   }
-  ::close(output);
   int status = 0;
   ::waitpid(parent, &status, 0);
-  parentStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Without arguments the binary does nothing, so that it is safe to run on the machine itself.
+static bool simulation_answers(const Appliance& appliance) {
+  return execute(appliance, {}, STDERR_FILENO) == 1 && !appliance.journal({"preload"}).empty();
+}
+
+Service::Service(const Appliance& appliance, Lines arguments, Reader reader) {
+  static const bool answers = simulation_answers(appliance);
+  REQUIRE_MESSAGE(answers, "the service would run on this machine itself");
+  (void)::prctl(PR_SET_CHILD_SUBREAPER, 1);
+  const std::string out = appliance.at("/out");
+  if (reader != Reader::kFile) {
+    REQUIRE(::mkfifo(out.c_str(), 0600) == 0);
+    m_readEnd = ::open(out.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  }
+  const int output = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (reader == Reader::kGone) ::close(std::exchange(m_readEnd, -1));
+  parentStatus = execute(appliance, arguments, output);
+  ::close(output);
   // The daemon is the only child left.
   std::ifstream("/proc/self/task/" + std::to_string(::getpid()) + "/children") >> daemon;
 }

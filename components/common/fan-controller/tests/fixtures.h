@@ -1,4 +1,4 @@
-// The tests' household: a controller and the shipped binary on a simulated appliance, and the
+// What the tests share: a controller and the shipped binary on a simulated appliance, and the
 // management library's double.
 #pragma once
 
@@ -34,9 +34,14 @@ std::string traced(const std::function<void()>& body);
 /// Polls until the condition holds; false after ten seconds.
 bool eventually(const std::function<bool()>& condition);
 
+/// An appliance; nothing may have been changed outside of it at its end.
+struct TestAppliance : Appliance {
+  ~TestAppliance();
+};
+
 /// A controller on an appliance of its own, to be driven operation by operation: fanless, with a
 /// short table and nothing to report.
-struct Bench : Appliance, FanController {
+struct Bench : TestAppliance, FanController {
   Bench();
 };
 
@@ -46,7 +51,8 @@ inline int corvaneInitResult, corvaneEmptyFetches;  ///< the latter fail before 
 /// Who reads the service's standard output: a file, nobody, or somebody who has stopped reading.
 enum class Reader { kFile, kGone, kStalled };
 
-/// The shipped binary on an appliance. The test process adopts the daemon, so its end can be seen.
+/// The shipped binary on an appliance; it is not started where the simulation does not answer. The
+/// test process adopts the daemon, so its end can be seen.
 class Service {
  public:
   /// Runs the binary up to the exit of the parent.

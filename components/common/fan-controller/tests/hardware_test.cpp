@@ -61,7 +61,7 @@ TEST_CASE("temperature and identity of one disk") {
   const auto disk = [](const std::string& description, int temperature, const std::string& identity,
                        const std::string& trace) {
     CAPTURE(description);
-    const Appliance appliance;
+    const TestAppliance appliance;
     // Attribute 194 in a 31st entry, which is none.
     std::string beyond(512, '\0');
     beyond[2 + 30 * 12] = '\xc2';

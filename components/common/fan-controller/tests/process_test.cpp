@@ -21,7 +21,7 @@ const std::string kSensor = "temp_sensor_sysfs_entry=" + SENSOR + "\n";
 const std::string kSettings = kDriver + kSensor;
 
 // A product with an I2C fan, a sensor and two disks.
-struct Product : Appliance {
+struct Product : TestAppliance {
   explicit Product(const std::string& timeline = "", const std::string& settings = kSettings,
                    const std::string& table = TABLE, bool gpio = false) {
     fan(FAN, gpio);
