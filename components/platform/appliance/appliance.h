@@ -14,7 +14,8 @@
 //   <root>/timeline  what shall happen while the program waits, in ascending order of seconds:
 //                    `<seconds> write <path> <text>`, `<seconds> remove <path>`,
 //                    `<seconds> mode <path> <octal>`, `<seconds> signal <NAME>`
-//   <root>/select    a number: what select() returns at once, with no descriptor marked
+//   <root>/select    a number: what the next select() returns at once, with no descriptor marked;
+//                    the file is gone then
 //   <root>/dev/sdX   a disk: the line `# disk`, then lines of `name=value` (see disks.cpp)
 //
 // Time is that of the main thread. Another thread (a fuzzer's watchdog) waits for real.

@@ -233,8 +233,10 @@ int simulatedSelect(int count, const Sets& sets, timeval& timeout) {
     return -1;
   }
 
-  const std::string scripted = readFile(std::string(root()) + "/select", kNumberMax);
+  const std::string script = std::string(root()) + "/select";
+  const std::string scripted = readFile(script, kNumberMax);
   if (!scripted.empty()) {
+    unlinkat(AT_FDCWD, script.c_str(), 0);
     sets.clear();
     const auto result = static_cast<int>(std::strtol(scripted.c_str(), nullptr, kDecimal));
     if (result < 0) errno = EBADF;

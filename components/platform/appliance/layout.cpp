@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <system_error>
 
 #include "appliance.h"
@@ -36,8 +35,13 @@ Appliance::~Appliance() {
 }
 
 std::string Appliance::read(const std::string& path) const {
+  std::error_code missing;
+  const auto size = fs::file_size(at(path), missing);
+  std::string text(missing ? 0 : static_cast<std::size_t>(size), '\0');
   std::ifstream file(at(path), std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
+  file.read(text.data(), static_cast<std::streamsize>(text.size()));
+  text.resize(static_cast<std::size_t>(file.gcount()));
+  return text;
 }
 
 void Appliance::write(const std::string& path, const std::string& text) const {

@@ -18,6 +18,7 @@ class Appliance {
 
   // Where one of the appliance's paths really lies.
   std::string at(const std::string& path) const { return m_root + path; }
+  // What a plain file holds at this moment; a program may go on writing to it. Empty without one.
   std::string read(const std::string& path) const;
   bool exists(const std::string& path) const { return std::filesystem::exists(at(path)); }
   void remove(const std::string& path) const { std::filesystem::remove(at(path)); }

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -52,6 +53,12 @@ Bench::Bench() : FanController(CONFIG) {
   m_lastFanAlert = ALERT_FAN_WORKING;
 }
 
+// A last safety: a service that runs away, or one whose test was killed, does not do so for ever.
+static void limit(__rlimit_resource resource, rlim_t most) {
+  const rlimit both = {most, most};
+  (void)::setrlimit(resource, &both);
+}
+
 // Runs the service's binary with the simulation before it up to its exit, and gives its exit
 // status, or -1.
 static int execute(const Appliance& appliance, const Lines& arguments, int output) {
@@ -72,6 +79,8 @@ static int execute(const Appliance& appliance, const Lines& arguments, int outpu
 
   const pid_t parent = ::fork();
   if (parent == 0) {
+    limit(RLIMIT_FSIZE, 16 << 20);
+    limit(RLIMIT_CPU, 30);
     ::dup2(output, STDOUT_FILENO);
     ::dup2(::creat(appliance.at("/err").c_str(), 0600), STDERR_FILENO);
     ::execvp(argv[0], argv.data());
