@@ -3,7 +3,6 @@
 #pragma once
 
 #include <doctest.h>
-#include <sys/types.h>
 
 #include <algorithm>
 #include <functional>
@@ -12,6 +11,7 @@
 
 #include "FanController.h"
 #include "layout.h"
+#include "program.h"
 
 using Lines = std::vector<std::string>;
 
@@ -31,8 +31,6 @@ inline bool contains(const Lines& lines, const std::string& line) {
 Lines operator+(Lines left, const Lines& right);
 /// Everything that body writes to standard output.
 std::string traced(const std::function<void()>& body);
-/// Polls until the condition holds; false after ten seconds.
-bool eventually(const std::function<bool()>& condition);
 
 /// An appliance; nothing may have been changed outside of it at its end.
 struct TestAppliance : Appliance {
@@ -48,27 +46,9 @@ struct Bench : TestAppliance, FanController {
 /// The management library as the linked service sees it; every call is journalled as "corvane".
 inline int corvaneInitResult, corvaneEmptyFetches;  ///< the latter fail before one delivers
 
-/// Who reads the service's standard output: a file, nobody, or somebody who has stopped reading.
-enum class Reader { kFile, kGone, kStalled };
-
-/// The shipped binary on an appliance; it is not started where the simulation does not answer. The
-/// test process adopts the daemon, so its end can be seen.
-class Service {
- public:
-  /// Runs the binary up to the exit of the parent.
-  explicit Service(const Appliance& appliance, Lines arguments = {"--verbose", "-c", CONFIG},
-                   Reader reader = Reader::kFile);
-  ~Service();
-  Service(const Service&) = delete;
-  Service& operator=(const Service&) = delete;
-
-  /// The daemon's wait status, as waitpid gives it, once it has ended; -1 after ten seconds. A
-  /// signal is sent until then: one that comes just before a wait does not end it.
-  int wait_end(int signal = 0);
-
-  int parentStatus = -1;
-  pid_t daemon = 0;  ///< 0 when there is none
-
- private:
-  int m_readEnd = -1;
+/// The shipped binary.
+struct Service : Program {
+  explicit Service(const Appliance& appliance, const Lines& arguments = {"--verbose", "-c", CONFIG},
+                   int output = -1)
+      : Program(appliance, {FAN_CONTROLLER_BINARY, arguments, output}) {}
 };

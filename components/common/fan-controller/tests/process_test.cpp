@@ -1,7 +1,11 @@
 // The shipped binary on a simulated appliance, its waits on the simulated clock.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdlib>
 
+#include "alert-mgr.h"
 #include "fixtures.h"
 
 namespace {
@@ -144,46 +148,65 @@ TEST_CASE("a day of the service") {
   CHECK(product.read(PID_FILE) == pid + "\n");
 }
 
+namespace {
+
 // One kind of product: a part of what it traces, its last command, and the waits until SIGTERM.
-static void ends(const std::string& trace, const std::string& command, const Lines& waits,
-                 const std::string& settings, const std::string& table = TABLE,
-                 const std::string& mode = "0\n", const std::string& timeline = "3 signal TERM\n") {
-  CAPTURE(trace);
-  CAPTURE(settings);
-  const Product product(timeline, settings, table, contains(trace, "GPIO"));
-  product.write(FAN + "/pwm1_enable", mode);
-  CHECK(contains(product.run() + "(end)", trace));
-  CHECK(product.journal({"sleep", "select"}) == waits);
-  CHECK(product.command(mode == "2\n" ? "fan1_target" : "pwm1") == command);
-  CHECK(product.exists(PID_FILE) == (settings.empty() || table.empty()));
-}
+struct Kind {
+  std::string settings = kSettings, table = TABLE, mode = "0\n";
+  std::string timeline = "3 signal TERM\n";
+  std::string trace = {}, command = "150";
+  Lines waits = {"select 180 nfds=1"};
+};
+
+}  // namespace
 
 TEST_CASE("every kind of product, every kind of wait, ended by SIGTERM") {
-  const Lines select = {"select 180 nfds=1"}, counted(3, "sleep 1");
-  ends("I2C interface\n", "150", select, kSettings);
-  ends("close-loop\n", "150", select, kSettings, TABLE, "2\n");
-  ends("GPIO interface\n", "200", select, kDriver, TABLE, "2\n");
-  ends("TMAX = 47\n", "200", select, kDriver + "temp_sensor_sysfs_entry=/sys/none\n");
-  ends("SIGTERM detected\nfan-ctrl.cpp:endlessWatcher Exit now !!\n", "0\n", counted, kSensor);
-  ends("TMAX = 47\n", "0\n", counted, "#\n");
-  ends("endlessWatcher get down the fan to the minimum speed before exit\n", "100",
-       {"select 2 nfds=1", "sleep 1", "sleep 1", "sleep 1"}, kSettings + "period_in_sec=2\n", TABLE,
-       "0\n", "0 remove /sys/fan/fan1_alarm\n5 signal TERM\n");
-  ends("SIGTERM detected\n(end)", "0\n", Lines(2, "sleep 1"), "period_in_sec=2\n", TABLE, "0\n",
-       "2 signal TERM\n");
-  ends("raise alert\nfan-ctrl.cpp:getFanAlarm m_lastFanAlert 1\n", "150",
-       select + Lines{"sleep 10"}, kSettings, TABLE, "0\n",
-       "2 write /sys/fan/fan1_alarm 1\n3 signal TERM\n");
-  ends("SIGTERM detected\n(end)", "0\n", counted, "");
-  ends("SIGTERM detected\n(end)", "0\n", counted, kSettings, "");
+  const Lines counted(3, "sleep 1"), select = Kind().waits;
+  const std::string none = "0\n", stopped = "SIGTERM detected\n(end)", hottest = "TMAX = 47\n";
+  const std::string exits = "SIGTERM detected\nfan-ctrl.cpp:endlessWatcher Exit now !!\n";
+  const std::string often = kSettings + "period_in_sec=2\n";
+  const Kind kinds[] = {
+      {.trace = "I2C interface\n"},
+      {.mode = "2\n", .trace = "close-loop\n"},
+      {.settings = kDriver, .mode = "2\n", .trace = "GPIO interface\n", .command = "200"},
+      {.settings = kDriver + "temp_sensor_sysfs_entry=/no\n", .trace = hottest, .command = "200"},
+      {.settings = kSensor, .trace = exits, .command = none, .waits = counted},
+      {.settings = "#\n", .trace = hottest, .command = none, .waits = counted},
+      {.settings = often,
+       .timeline = "0 remove /sys/fan/fan1_alarm\n5 signal TERM\n",
+       .trace = "endlessWatcher get down the fan to the minimum speed before exit\n",
+       .command = "100",
+       .waits = Lines{"select 2 nfds=1"} + counted},
+      {.settings = "period_in_sec=3\n", .trace = stopped, .command = none, .waits = counted},
+      {.timeline = "2 write /sys/fan/fan1_alarm 1\n3 signal TERM\n",
+       .trace = "raise alert\nfan-ctrl.cpp:getFanAlarm m_lastFanAlert 1\n",
+       .waits = select + Lines{"sleep 10"}},
+      {.settings = "", .trace = stopped, .command = none, .waits = counted},
+      {.table = "", .trace = stopped, .command = none, .waits = counted},
+  };
+  for (const Kind& each : kinds) {
+    CAPTURE(each.trace);
+    CAPTURE(each.settings);
+    const Product product(each.timeline, each.settings, each.table, contains(each.trace, "GPIO"));
+    product.write(FAN + "/pwm1_enable", each.mode);
+    CHECK(contains(product.run() + "(end)", each.trace));
+    CHECK(product.journal({"sleep", "select"}) == each.waits);
+    CHECK(product.command(each.mode == "2\n" ? "fan1_target" : "pwm1") == each.command);
+    CHECK(product.exists(PID_FILE) == (each.settings.empty() || each.table.empty()));
+  }
 }
 
 TEST_CASE("a verbose run whose reader has gone away, or reads no more, goes on") {
-  for (const Reader reader : {Reader::kGone, Reader::kStalled}) {
+  for (const bool stays : {false, true}) {
     // More lines than a pipe holds, then what has to be seen all the same.
     const Product product("2000 write /sys/temp 60000\n2001 signal PIPE\n2003 signal TERM\n",
                           kSettings + "period_in_sec=1\n");
-    Service service(product, {"--verbose", "-c", CONFIG}, reader);
+    int ends[2];
+    REQUIRE(::pipe2(ends, O_CLOEXEC) == 0);
+    auto reader = std::make_unique<Handle>(ends[0]);
+    const Handle writer(ends[1]);
+    if (!stays) reader.reset();
+    Service service(product, {"--verbose", "-c", CONFIG}, writer.number);
     CHECK(service.parentStatus == 0);
     CHECK(service.wait_end() == 0);
     CHECK(product.command() == "255");
@@ -194,7 +217,7 @@ TEST_CASE("a verbose run whose reader has gone away, or reads no more, goes on")
 TEST_CASE("a real signal ends a real wait at once") {
   for (const int signal : {SIGTERM, SIGINT}) {
     CAPTURE(signal);
-    const Product product;
+    const Product product("20 signal TERM\n");
     ::setenv("APPLIANCE_SPEED", "1", 1);
     Service service(product);
     REQUIRE(eventually([&] { return !product.journal({"select"}).empty(); }));
