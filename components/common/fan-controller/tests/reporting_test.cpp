@@ -1,6 +1,9 @@
 // Alerts, flag files, the wait for the management library, the fan alarm.
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
 
 #include "alert-mgr.h"
 #include "fixtures.h"
@@ -184,29 +187,55 @@ TEST_CASE("a dropped alert is raised again; an alert within an alert has its own
 }
 
 TEST_CASE("flag files in a folder that is everybody's") {
-  Bench bench;
-  const std::string flag = bench.at(HIGH_TEMP_FLAG), victim = bench.at("/victim");
-  bench.write("/victim", "precious");
-  CHECK(bench.check_file(HIGH_TEMP_FLAG) == 0);
-  const auto refuses = [&] {
+  using Path = const std::string&;
+  const std::pair<std::string, void (*)(Path, Path)> plants[] = {
+      {"dangling link", [](Path flag, Path victim) { fs::create_symlink(victim + "2", flag); }},
+      {"link", [](Path flag, Path victim) { fs::create_symlink(victim, flag); }},
+      {"hard link", [](Path flag, Path victim) { fs::create_hard_link(victim, flag); }},
+      {"pipe", [](Path flag, Path) { REQUIRE(::mkfifo(flag.c_str(), 0600) == 0); }},
+      {"empty folder", [](Path flag, Path) { fs::create_directory(flag); }},
+      {"folder", [](Path flag, Path) { fs::create_directories(flag + "/inside"); }},
+      {"another's file",
+       [](Path flag, Path) {
+         std::ofstream(flag) << "old";
+         if (::geteuid() == 0) REQUIRE(::chown(flag.c_str(), 65534, 65534) == 0);
+       }},
+      {"own file", [](Path flag, Path) { std::ofstream(flag) << "old"; }},
+  };
+  for (const auto& [name, plant] : plants) {
+    CAPTURE(name);
+    Bench bench;
+    const std::string flag = bench.at(HIGH_TEMP_FLAG), victim = bench.at("/victim");
+    bench.write("/victim", "precious");
+    CHECK(bench.check_file(HIGH_TEMP_FLAG) == 0);
+    plant(flag, victim);
+    struct stat before {
+    }, after{};
+    const timespec late[] = {{2'500'000'000, 0}, {2'500'000'000, 0}};  // beyond 32 bits of time
+    (void)::utimensat(AT_FDCWD, flag.c_str(), late, AT_SYMLINK_NOFOLLOW);
+    REQUIRE(::lstat(flag.c_str(), &before) == 0);
+    if (S_ISLNK(before.st_mode)) CHECK(bench.check_file(HIGH_TEMP_FLAG) == 0);
     bench.create_file(HIGH_TEMP_FLAG);
-    CHECK(bench.journal({"syslog"}) == Lines{"syslog 3 Can't open file /var/tmp/high_temp_alert"});
+    CHECK(bench.journal({"syslog"}) == Lines{"syslog 3 Creating /var/tmp/high_temp_alert file"});
+    REQUIRE(::lstat(flag.c_str(), &after) == 0);
+    CHECK(S_ISREG(after.st_mode));
+    CHECK(after.st_nlink == 1);
+    CHECK(after.st_uid == ::geteuid());
+    CHECK(after.st_size == 0);
+    if (name == "own file") CHECK(after.st_ino == before.st_ino);
     CHECK(bench.check_file(HIGH_TEMP_FLAG) == 1);
     CHECK(bench.read("/victim") == "precious");
-    fs::remove(flag);
-  };
-  fs::create_symlink(victim, flag);
-  refuses();
-  fs::create_hard_link(victim, flag);
-  refuses();
-  REQUIRE(::mkfifo(flag.c_str(), 0600) == 0);  // without a reader or a writer to be waited for
-  refuses();
-  bench.write(HIGH_TEMP_FLAG, "old");
-  const timespec late[] = {{2'500'000'000, 0}, {2'500'000'000, 0}};  // beyond 32 bits of time
-  REQUIRE(::utimensat(AT_FDCWD, flag.c_str(), late, 0) == 0);
-  bench.create_file(HIGH_TEMP_FLAG);
-  CHECK(bench.journal({"syslog"}) == Lines{"syslog 3 Creating /var/tmp/high_temp_alert file"});
-  CHECK(bench.read(HIGH_TEMP_FLAG).empty());
+    CHECK_FALSE(bench.exists("/victim2"));
+  }
+}
+
+TEST_CASE("a link in the place of the critical flag is no flag") {
+  Bench bench;
+  bench.m_lastTempAlert = H;
+  bench.write(HIGH_TEMP_FLAG, "");
+  fs::create_symlink("/nowhere", bench.at(CRIT_TEMP_FLAG));
+  bench.alertNotification(N);
+  CHECK_FALSE(bench.exists(HIGH_TEMP_FLAG));
 }
 
 // One call a reading: 0, 1, x (" 1") or - (unreadable). restarts: what each restart attempt finds
