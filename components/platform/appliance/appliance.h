@@ -16,6 +16,8 @@
 //                    `<seconds> mode <path> <octal>`, `<seconds> signal <NAME>`
 //   <root>/select    a number: what the next select() returns at once, with no descriptor marked;
 //                    the file is gone then
+//   <root>/fork      a signal's name: what the child of the next fork() gets at once; the file is
+//                    gone then
 //   <root>/dev/sdX   a disk: the line `# disk`, then lines of `name=value` (see disks.cpp)
 //
 // Time is that of the main thread. Another thread (a fuzzer's watchdog) waits for real.

@@ -2,10 +2,13 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pty.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -78,7 +81,7 @@ int execute(const Appliance& appliance, const Program::Start& start) {
   const Handle errors(
       ::open(appliance.at("/err").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode));
 
-  const pid_t parent = ::fork();
+  const pid_t parent = ::_Fork();  // not the simulation's
   if (parent == 0) {
     become(words.data(), start, start.output < 0 ? file.number : start.output, errors.number);
   }
@@ -95,6 +98,19 @@ bool simulationAnswers(const Appliance& appliance, const std::string& binary) {
 }  // namespace
 
 Handle::~Handle() { (void)::close(number); }
+
+Channel::Channel(Kind kind) {
+  int ends[2] = {-1, -1};
+  termios raw{};
+  ::cfmakeraw(&raw);
+  const int result = kind == kPipe     ? ::pipe(ends)
+                     : kind == kSocket ? ::socketpair(AF_UNIX, SOCK_STREAM, 0, ends)
+                                       : ::openpty(&ends[0], &ends[1], nullptr, &raw, nullptr);
+  if (result != 0) throw std::runtime_error("no pipe, socket or terminal");
+  for (const int end : ends) (void)::fcntl(end, F_SETFD, FD_CLOEXEC);
+  reader.emplace(ends[0]);
+  writer.emplace(ends[1]);
+}
 
 bool eventually(const std::function<bool()>& condition) {
   for (int poll = 0; poll < kPolls; ++poll) {

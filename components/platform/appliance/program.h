@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,15 @@ struct Handle {
   Handle& operator=(const Handle&) = delete;
 
   const int number;
+};
+
+// Two connected descriptors: what is written to the one is read from the other. A terminal is raw.
+struct Channel {
+  enum Kind { kPipe, kSocket, kTerminal };
+  explicit Channel(Kind kind);
+
+  std::optional<Handle> reader;
+  std::optional<Handle> writer;
 };
 
 // Polls until the condition holds; false after ten seconds.

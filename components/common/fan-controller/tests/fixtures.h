@@ -49,6 +49,6 @@ inline int corvaneInitResult, corvaneEmptyFetches;  ///< the latter fail before 
 /// The shipped binary.
 struct Service : Program {
   explicit Service(const Appliance& appliance, const Lines& arguments = {"--verbose", "-c", CONFIG},
-                   int output = -1)
-      : Program(appliance, {FAN_CONTROLLER_BINARY, arguments, output}) {}
+                   int output = -1, int terminal = -1)
+      : Program(appliance, {FAN_CONTROLLER_BINARY, arguments, output, terminal}) {}
 };

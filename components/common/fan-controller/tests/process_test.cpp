@@ -1,9 +1,12 @@
 // The shipped binary on a simulated appliance, its waits on the simulated clock.
 #include <fcntl.h>
-#include <unistd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <csignal>
 #include <cstdlib>
+#include <optional>
+#include <sstream>
 
 #include "alert-mgr.h"
 #include "fixtures.h"
@@ -40,6 +43,11 @@ struct Product : TestAppliance {
   std::string command(const std::string& name = "pwm1") const {
     return read(FAN + "/" + name).c_str();
   }
+  // Whether the service gets to so many further waits.
+  bool waits(std::size_t count) const {
+    std::size_t seen = 0;
+    return eventually([&] { return (seen += journal({"select"}).size()) >= count; });
+  }
   // What a run of the service traces until it ends by itself.
   std::string run(const Lines& arguments = {"--verbose", "-c", CONFIG}) const {
     Service service(*this, arguments);
@@ -48,6 +56,10 @@ struct Product : TestAppliance {
     return read("/out");
   }
 };
+
+std::function<bool(const std::string&)> gets(const std::string& part) {
+  return [part](const std::string& text) { return contains(text, part); };
+}
 
 }  // namespace
 
@@ -196,21 +208,132 @@ TEST_CASE("every kind of product, every kind of wait, ended by SIGTERM") {
   }
 }
 
-TEST_CASE("a verbose run whose reader has gone away, or reads no more, goes on") {
-  for (const bool stays : {false, true}) {
-    // More lines than a pipe holds, then what has to be seen all the same.
-    const Product product("2000 write /sys/temp 60000\n2001 signal PIPE\n2003 signal TERM\n",
-                          kSettings + "period_in_sec=1\n");
-    int ends[2];
-    REQUIRE(::pipe2(ends, O_CLOEXEC) == 0);
-    auto reader = std::make_unique<Handle>(ends[0]);
-    const Handle writer(ends[1]);
-    if (!stays) reader.reset();
-    Service service(product, {"--verbose", "-c", CONFIG}, writer.number);
+TEST_CASE("a signal while the service starts") {
+  for (const std::string name : {"TERM", "HUP"}) {
+    const Product product(name == "HUP" ? "9 signal TERM\n" : "");
+    product.write("/fork", name);
+    const std::string text = product.run();
+    CHECK(contains(text, "signal_handler SIG" + name + " detected\n"));
+    CHECK(product.journal({"select"}).empty() == (name == "TERM"));
+    CHECK_FALSE(product.exists(PID_FILE));
+  }
+}
+
+TEST_CASE("the service outlives the process that started it and led the terminal's session") {
+  for (int start = 0; start < 20; ++start) {
+    const Product product("3 signal TERM\n");
+    const Channel terminal(Channel::kTerminal);
+    Service service(product, {"-c", CONFIG}, -1, terminal.writer->number);
     CHECK(service.parentStatus == 0);
+    REQUIRE(service.wait_end() == 0);
+  }
+}
+
+TEST_CASE("a reader who reads at once gets every line, whatever signals arrive") {
+  std::string table, lines;
+  for (int step = 1; step <= 3000; ++step) {
+    const std::string number = std::to_string(step);
+    table += number + "=" + number + "\n";
+    lines += "fan-ctrl.cpp:endlessWatcher " + number + " => " + number + "\n";
+  }
+  for (const auto kind : {Channel::kPipe, Channel::kSocket, Channel::kTerminal}) {
+    CAPTURE(kind);
+    const Product product("", kSettings, table);
+    Channel channel(kind);
+    Service service(product, {"-o", "--verbose", "-c", CONFIG}, channel.writer->number);
+    channel.writer.reset();
+    const std::string text = received(channel.reader->number, [&](const std::string&) {
+      ::kill(service.daemon, SIGSYS);
+      return false;
+    });
     CHECK(service.wait_end() == 0);
-    CHECK(product.command() == "255");
-    CHECK(product.journal({"select"}).size() == 2003);
+    CHECK(contains(text, lines));
+  }
+}
+
+TEST_CASE("what was handed down as standard output stays as it was") {
+  for (const auto kind : {Channel::kPipe, Channel::kSocket, Channel::kTerminal}) {
+    CAPTURE(kind);
+    const Product product("20 signal TERM\n");
+    ::setenv("APPLIANCE_SPEED", "1", 1);
+    Channel channel(kind);
+    const int flags = ::fcntl(channel.writer->number, F_GETFL);
+    Service service(product, {"--verbose", "-c", CONFIG}, channel.writer->number);
+    REQUIRE(product.waits(1));
+    CHECK(::fcntl(channel.writer->number, F_GETFL) == flags);
+    timeval patience{};
+    socklen_t size = sizeof patience;
+    ::getsockopt(channel.writer->number, SOL_SOCKET, SO_SNDTIMEO, &patience, &size);
+    CHECK(patience.tv_sec + patience.tv_usec == 0);
+    channel.writer.reset();
+    ::kill(service.daemon, SIGPIPE);
+    const std::string signal = "main.cpp:signal_handler SIGPIPE detected\n";
+    CHECK(contains(received(channel.reader->number, gets(signal)), signal));
+    CHECK(service.wait_end(SIGTERM) == 0);
+  }
+}
+
+TEST_CASE("a fifo's reader may come late, go away and come back") {
+  const std::string cycle = "4 : m_lastFanAlert 1\n", signal = "SIGPIPE detected\n";
+  for (const int access : {O_RDWR, O_WRONLY}) {
+    CAPTURE(access);
+    const Product product("", kSettings + "period_in_sec=1\n");
+    const std::string out = product.at("/out");
+    REQUIRE(::mkfifo(out.c_str(), 0600) == 0);
+    std::optional<Handle> reader(::open(out.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    std::optional<Handle> writer(::open(out.c_str(), access | O_CLOEXEC));
+    if (access == O_RDWR) reader.reset();
+    Service service(product, {"--verbose", "-c", CONFIG}, writer->number);
+    writer.reset();
+    reader.reset();
+    REQUIRE(product.waits(9));
+    reader.emplace(::open(out.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const std::string text = received(reader->number, gets(cycle));
+    CHECK(contains(text, cycle));
+    CHECK(contains(text, "endlessWatcher pid = ") == (access == O_RDWR));
+    CHECK_FALSE(contains(text, signal));
+    ::kill(service.daemon, SIGPIPE);
+    CHECK(contains(received(reader->number, gets(signal)), signal));
+    reader.reset();
+    CHECK(service.wait_end(SIGTERM) == 0);
+  }
+}
+
+TEST_CASE("a reader who stops reading costs a second once, and whole lines") {
+  for (const auto kind : {Channel::kPipe, Channel::kTerminal}) {
+    CAPTURE(kind);
+    const Product product("", kSettings + "period_in_sec=1\n");
+    Channel channel(kind);
+    Service service(product, {"--verbose", "-c", CONFIG}, channel.writer->number);
+    channel.writer.reset();
+    REQUIRE(product.waits(600));  // three times what a pipe or a terminal holds
+    const auto isMore = [](const std::string& text) { return text.size() > 200'000; };
+    const std::string text = received(channel.reader->number, isMore);
+    channel.reader.reset();
+    CHECK(service.wait_end(SIGTERM) == 0);
+    CHECK(isMore(text));
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line) && !lines.eof();) {
+      const std::size_t name = line.find(".cpp:");
+      const bool whole = name <= 9 && name == line.rfind(".cpp:");
+      if (!whole) CHECK(line == "");
+    }
+  }
+}
+
+TEST_CASE("a pipe among the files of the hardware is no value, and holds nothing up") {
+  for (const std::string& pipe : {FAN + "/extra", std::string("/sys/alarm"), SENSOR}) {
+    for (const bool held : {false, true}) {
+      CAPTURE(pipe);
+      const Product product("3 signal TERM\n", kSettings + "fan_driver_sysfs_alarm=/sys/alarm\n");
+      product.write(FAN + "/fan1_alarm", "");  // an alarm that is a pipe is kept then
+      product.remove(pipe);
+      REQUIRE(::mkfifo(product.at(pipe).c_str(), 0600) == 0);
+      const Handle writer(held ? ::open(product.at(pipe).c_str(), O_RDWR | O_CLOEXEC) : -1);
+      const std::string text = product.run();
+      CHECK(contains(text, "Match a fan driver I2C interface\n"));
+      CHECK(product.command() == (pipe == SENSOR ? "200" : "150"));
+    }
   }
 }
 
@@ -220,7 +343,7 @@ TEST_CASE("a real signal ends a real wait at once") {
     const Product product("20 signal TERM\n");
     ::setenv("APPLIANCE_SPEED", "1", 1);
     Service service(product);
-    REQUIRE(eventually([&] { return !product.journal({"select"}).empty(); }));
+    REQUIRE(product.waits(1));
     ::kill(service.daemon, SIGSYS);  // changes nothing
     CHECK(service.wait_end(signal) == (signal == SIGINT ? SIGINT : 0));
     CHECK(product.exists(PID_FILE) == (signal == SIGINT));
