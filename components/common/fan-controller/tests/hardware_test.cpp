@@ -68,9 +68,9 @@ TEST_CASE("temperature and identity of one disk") {
     beyond[2 + 30 * 12 + 5] = 40;
     appliance.write("/beyond", beyond);
     appliance.disk("sda", description);
-    const DescriptorPtr sda(Descriptor(::open("/dev/sda", O_RDONLY)));
-    CHECK(traced([&] { CHECK(get_smart_attr_value(sda.get().fd) == temperature); }) == trace);
-    CHECK(get_identify_data(sda.get().fd) == identity);
+    const Descriptor sda(::open("/dev/sda", O_RDONLY));
+    CHECK(traced([&] { CHECK(get_smart_attr_value(sda.get()) == temperature); }) == trace);
+    CHECK(get_identify_data(sda.get()) == identity);
   };
   const std::string entry = "c22200404028000f00320000", other = "0922006464ff000000000000";
   const std::string silent = "Model: \tSerial Nb : " + kBlanks, nuls(40, '\0');

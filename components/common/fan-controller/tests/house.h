@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "FanController.h"
+#include "alert-mgr.h"
+#include "drivers.h"
 #include "layout.h"
 
 using Lines = std::vector<std::string>;
