@@ -116,8 +116,8 @@ need_packages() {
 build_preset() {
   [[ $PWD != *:* ]] || fail "make cannot build in a folder whose path has a colon: $PWD"
   if grep -qs '^CORVANE_LIBRARY:[A-Z]*=.' "build/$1/CMakeCache.txt"; then
-    say "build/$1 was configured with the appliance's own library. From now on it has the stand-in:" \
-      'configure it again before you install from it.' >&2
+    say "build/$1 was configured with the appliance's own library. It now gets the" \
+      'stand-in: configure it again before you install from it.' >&2
   fi
   quietly cmake --preset "$1" '-UCORVANE_*' -UBUILD_TESTING &&
     quietly cmake --build --preset "$1" -j "$(nproc)" ${2:+--target "${@:2}"} && return
