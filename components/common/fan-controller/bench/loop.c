@@ -50,13 +50,20 @@ __attribute__((format(printf, 2, 3))) static void trace(const char *operation, c
 }
 
 /* Reads the first line of an attribute, without its line feed. */
-static int read_attribute(const char *path, char *value, int size) {
-  FILE *file = fopen(path, "r");
-  if (file == NULL) return -1;
-  const char *line = fgets(value, size, file);
-  (void)fclose(file);
-  if (line == NULL) return -1;
-  value[strcspn(value, "\n")] = '\0';
+static int read_attribute(const char *path, char *value, size_t size) {
+  const int file = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (file < 0) return -1;
+  char *end = NULL;
+  size_t length = 0;
+  while (end == NULL && length < size - 1) {
+    const ssize_t count = read(file, value + length, size - 1 - length);
+    if (count <= 0) break;
+    end = memchr(value + length, '\n', (size_t)count);
+    length += (size_t)count;
+  }
+  (void)close(file);
+  if (length == 0) return -1;
+  *(end != NULL ? end : value + length) = '\0';
   return 0;
 }
 
@@ -122,7 +129,7 @@ static void check_alarm(const char *path) {
 }
 
 static void wait_period(const char *alarm_path) {
-  const int alarm = open(alarm_path, O_RDONLY);
+  const int alarm = open(alarm_path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (alarm < 0) return;
   fd_set attributes;
   FD_ZERO(&attributes);

@@ -1,29 +1,18 @@
 // The one state object of the service and its operations.
 #pragma once
 
-#include <atomic>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "CurCmd.h"
-#include "alert-mgr.h"
+#include "cmd-table.h"
 
-/// What the configured sysfs directory turned out to hold.
-enum FanDriverType : int {
-  FAN_DRIVER_NONE = 0,  ///< fanless product
-  FAN_DRIVER_GPIO = 1,
-  FAN_DRIVER_I2C = 2,
-};
-
-/// One byte that a signal handler may set at any instruction and every test reads afresh.
-using SignalFlag = std::atomic<bool>;
-static_assert(SignalFlag::is_always_lock_free && sizeof(SignalFlag) == 1);
-
-// The two files of the configuration directory.
-inline constexpr char CONFIG_FILE[] = "fan_controller.conf";
-inline constexpr char CMD_TABLE_FILE[] = "fan_cmd_tab.conf";
+/// One byte that a signal handler may set at any instruction and every test reads afresh. There is
+/// one thread, so no atomic type is needed: ARMv5 has none without a lock.
+using SignalFlag = volatile bool;
+static_assert(sizeof(SignalFlag) == 1);
 
 /// Holds all state of the service. One object a process; main builds it and runs endlessWatcher.
 /// Temperatures are whole degrees Celsius.
@@ -84,15 +73,12 @@ class FanController {
   /// Reports one AlertKind: alert memory, syslog, flag files, status word. Dropped whole, with one
   /// line at LOG_ERR, while the management library cannot be reached. Blocks up to 300 seconds.
   void alertNotification(int kind);
-  /// 1 when the file can be opened for reading, else 0.
+  /// 1 when the file can be opened for reading, else 0. A link is not followed: 0.
   int check_file(char const* path);
-  /// Creates the file, or empties it, and logs either outcome at LOG_ERR. What is not a plain file
-  /// of its own (a symbolic or a second hard link, a pipe) is left alone: the folder is
-  /// everybody's.
+  /// Creates the file, or empties it, and logs either outcome at LOG_ERR. What somebody else has
+  /// put at its place (a link, a pipe, a folder, a file of his) gives way to a new file: the folder
+  /// is everybody's.
   void create_file(char const* path);
-  /// The temperature of the table's highest step, above which a temperature is reported high; 0
-  /// with an empty table.
-  int alertLevel() const;
 
   // --- State ---
 
@@ -102,7 +88,7 @@ class FanController {
   std::unique_ptr<std::string> m_infoString;  ///< text of the last status dump
   std::unique_ptr<CurCmd> m_curCmd;           ///< null until discovery; commands come after it
   std::string m_pidFile;
-  int m_fanDriverType;
+  int m_fanDriverType;  ///< a FanDriverType
   std::string m_fanDriverSysfsDir;
   std::string m_fanCmdPath;
   std::string m_fanAlarmPath;
@@ -112,8 +98,8 @@ class FanController {
   int m_periodInSec;  ///< seconds between two temperature refreshes
   bool m_useHysteresis;
   int m_hddCriticalTemp;
-  std::map<int, int> m_valueMap;  ///< step temperature to fan command
-  std::map<int, int>::iterator m_valueMapIt;
+  CommandTable m_valueMap;
+  CommandTable::iterator m_valueMapIt;
   std::map<std::string, int> m_hddTempMap;  ///< drive identity to temperature
   std::map<std::string, int>::iterator m_hddTempMapIt;
   std::vector<std::string> m_hddDevices;

@@ -7,9 +7,13 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
+#include <string>
 
 #include "FanController.h"
+#include "drivers.h"
+#include "settings.h"
 #include "utils.h"
 
 namespace {
@@ -25,8 +29,7 @@ struct ConnectionCloser {
 using ConnectionPtr = std::unique_ptr<corvane_handle, ConnectionCloser>;
 
 // Not asked first whether it is there: what cannot be read, or is a link to nothing, goes as well.
-// False when there was nothing.
-bool remove_flag(char const* path) { return std::remove(path) == 0 || errno != ENOENT; }
+void remove_flag(char const* path) { (void)std::remove(path); }
 
 void report_fan_failed(FanController& controller, corvane_handle& handle) {
   if (controller.m_lastFanAlert == ALERT_FAN_FAILED) return;
@@ -42,7 +45,7 @@ void report_fan_working(FanController& controller, corvane_handle& handle) {
   controller.m_lastFanAlert = ALERT_FAN_WORKING;
   TRACE_AS(kOperation, "!!! The system fan is working now !!!");
   (void)send_config_to_corvane(&handle, "FanRaisedFromDead");
-  (void)remove_flag(FAN_FAILED_FLAG);
+  remove_flag(FAN_FAILED_FLAG);
   controller.refreshTemperature(false);
 }
 
@@ -51,10 +54,10 @@ void report_temp_high(FanController& controller, corvane_handle& handle) {
   controller.m_lastTempAlert = ALERT_TEMP_HIGH;
   (void)controller.dumpInfoToFile();
   syslog(LOG_ERR, "%s %s (over %idegC)", "The temperature of the drive(s)",
-         "is above normal values", controller.alertLevel());
+         "is above normal values", alert_level(controller.m_valueMap));
   TRACE_AS(kOperation, "!!! temperature is too high !!!");
   controller.create_file(HIGH_TEMP_FLAG);
-  (void)remove_flag(CRIT_TEMP_FLAG);
+  remove_flag(CRIT_TEMP_FLAG);
   (void)send_config_to_corvane(&handle, "TemperatureAlert");
 }
 
@@ -63,7 +66,7 @@ void report_temp_normal(FanController& controller, corvane_handle& handle) {
   controller.m_lastTempAlert = ALERT_TEMP_NORMAL;
   syslog(LOG_ERR, "The temperature of the drive(s) is now normal.");
   TRACE_AS(kOperation, "!!! temperature is now normal. !!!");
-  if (!remove_flag(CRIT_TEMP_FLAG)) (void)remove_flag(HIGH_TEMP_FLAG);
+  remove_flag(controller.check_file(CRIT_TEMP_FLAG) != 0 ? CRIT_TEMP_FLAG : HIGH_TEMP_FLAG);
   (void)send_config_to_corvane(&handle, "OK");
 }
 
@@ -71,7 +74,7 @@ void report_temp_critical(FanController& controller, corvane_handle& handle) {
   controller.m_lastTempAlert = ALERT_TEMP_CRITICAL;
   TRACE_AS(kOperation, "!!! temperature is critical, shut down now !!!");
   (void)controller.dumpInfoToFile();
-  (void)remove_flag(HIGH_TEMP_FLAG);
+  remove_flag(HIGH_TEMP_FLAG);
   controller.create_file(CRIT_TEMP_FLAG);
   syslog(LOG_ERR, "%s (over %idegC)%s", "The temperature of the drive(s) is critical",
          controller.m_hddCriticalTemp, "SYSTEM WILL NOW SHUTDOWN FOR EMERGENCY");
@@ -111,7 +114,9 @@ void report_missing_cmd_table(FanController& controller, corvane_handle& handle)
   (void)send_config_to_corvane(&handle, "FanNonRotating");
 }
 
-void report(FanController& controller, int kind, corvane_handle& handle) {
+// Without a default, so that a kind that is added has to be thought of here. A number that is no
+// kind tells the library that something happened, and no more.
+void report(FanController& controller, AlertKind kind, corvane_handle& handle) {
   switch (kind) {
     case ALERT_FAN_FAILED:
       return report_fan_failed(controller, handle);
@@ -129,24 +134,49 @@ void report(FanController& controller, int kind, corvane_handle& handle) {
       return report_missing_config(controller, handle);
     case ALERT_MISSING_CMD_TABLE:
       return report_missing_cmd_table(controller, handle);
-    default:  // ALERT_PID_FILE_ERROR among them: the library is told that something happened
+    case ALERT_PID_FILE_ERROR:
       return;
   }
 }
 
-// A plain file of its own behind the descriptor: nothing that somebody linked into the folder.
-bool is_own_plain_file(Descriptor descriptor) {
+// Whoever may write to the folder could make a new file appear at every attempt, but not for long.
+constexpr int kCreateAttempts = 100;
+
+// Nothing that somebody else has put there, nor another file's second name.
+bool is_own_plain_file(int descriptor) {
   struct stat status {};
-  return ::fstat(descriptor.fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1;
+  return ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1 &&
+         status.st_uid == ::geteuid();
 }
 
-// Opened without following a link at that place and without waiting for a pipe's reader, and
-// emptied only after a look at what was opened: anybody can put anything into /var/tmp.
-bool create_empty(char const* path) {
+// A flag that is there already stays there: programs may look for it at any moment.
+bool empty_own_file(char const* path) {
+  const Descriptor file(::open(path, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  return file && is_own_plain_file(file.get()) && ::ftruncate(file.get(), 0) == 0;
+}
+
+bool create_new_file(char const* path) {
   constexpr mode_t kEverybody = 0666;  // less the file mode mask
-  const DescriptorPtr file(Descriptor(
-      ::open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kEverybody)));
-  return file && is_own_plain_file(file.get()) && ::ftruncate(file.get().fd, 0) == 0;
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+  return static_cast<bool>(Descriptor(::open(path, kFlags, kEverybody)));
+}
+
+// Rejects links planted in /var/tmp, and whatever else is in the way. A folder that is not empty
+// cannot be removed; it is put aside under a name that nobody else has.
+void clear_place(char const* path) {
+  if (std::remove(path) == 0 || (errno != ENOTEMPTY && errno != EEXIST)) return;
+  std::string aside = join({path, ".XXXXXX"});
+  if (::mkdtemp(aside.data()) == nullptr) return;
+  if (std::rename(path, aside.c_str()) != 0) (void)::rmdir(aside.c_str());
+}
+
+bool create_empty(char const* path) {
+  for (int attempt = 0; attempt < kCreateAttempts; ++attempt) {
+    if (empty_own_file(path) || create_new_file(path)) return true;
+    if (errno != EEXIST) return false;
+    clear_place(path);
+  }
+  return false;
 }
 
 }  // namespace
@@ -159,13 +189,13 @@ void FanController::alertNotification(int kind) {
   }
   const ConnectionPtr connection(&handle);
   wait_for_fan_resource(&handle, corvane_get_config(&handle, FAN_RESOURCE_ID));
-  report(*this, kind, handle);
+  report(*this, AlertKind{kind}, handle);
   (void)corvane_set_config(&handle, FAN_RESOURCE_ID);
 }
 
-// Not waiting for a writer when somebody has put a pipe there.
+// Rejects links planted in /var/tmp, which could lead root to a device, and waits for no pipe.
 int FanController::check_file(char const* path) {
-  const DescriptorPtr file(Descriptor(::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC)));
+  const Descriptor file(::open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   return file ? 1 : 0;
 }
 

@@ -4,17 +4,18 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdint>
 #include <cstring>
 #include <ctime>
 #include <iterator>
-#include <set>
-#include <span>
 #include <string_view>
 #include <utility>
 
 #include "FanController.h"
+#include "alert-mgr.h"
+#include "disks.h"
+#include "drivers.h"
+#include "settings.h"
 #include "smart.h"
 #include "utils.h"
 
@@ -70,14 +71,6 @@ namespace {
 constexpr char kWatcher[] = "endlessWatcher";
 constexpr int kLoadRetrySeconds = 300;
 
-int first_command(const FanController& controller) {
-  return controller.m_valueMap.empty() ? 0 : controller.m_valueMap.begin()->second;
-}
-
-int last_command(const FanController& controller) {
-  return controller.m_valueMap.empty() ? 0 : controller.m_valueMap.rbegin()->second;
-}
-
 void write_pid_file(FanController& controller) {
   const FilePtr file(std::fopen(controller.m_pidFile.c_str(), "w+"));
   if (!file) {
@@ -89,20 +82,10 @@ void write_pid_file(FanController& controller) {
 }
 
 // False: SIGTERM ended the wait.
-bool wait_before_reload(const FanController& controller) {
+bool wait_before_reload(const SignalFlag& terminated) {
   for (int second = 0; second < kLoadRetrySeconds; ++second) {
     (void)::sleep(1);
-    if (*controller.m_isSigTermDetected) return false;
-  }
-  return true;
-}
-
-// Repeats one of the file readers until it succeeds. False: SIGTERM ended the wait for the file.
-bool load_patiently(FanController& controller, bool (FanController::*load)(),
-                    bool FanController::*alertRaised, AlertKind missing) {
-  while (!(controller.*load)()) {
-    if (!(controller.*alertRaised)) controller.alertNotification(missing);
-    if (!wait_before_reload(controller)) return false;
+    if (terminated) return false;
   }
   return true;
 }
@@ -147,7 +130,7 @@ void switch_mode(FanController& controller) {
     controller.m_spindownMode = false;
     *controller.m_switchToNormalMode = false;
   } else if (*controller.m_switchToSpindownMode) {
-    const int command = first_command(controller);
+    const int command = first_command(controller.m_valueMap);
     TRACE_AS(kWatcher, "Switch to spindown mode ", command);
     controller.m_curCmd->set_cur_cmd_val(command);
     controller.m_spindownMode = true;
@@ -156,9 +139,9 @@ void switch_mode(FanController& controller) {
 }
 
 // False: SIGTERM ended the wait.
-bool count_down(const FanController& controller, int seconds) {
+bool count_down(const SignalFlag& terminated, int seconds) {
   for (; seconds > 0; --seconds) {
-    if (*controller.m_isSigTermDetected) return false;
+    if (terminated) return false;
     (void)::sleep(1);
   }
   return true;
@@ -169,7 +152,7 @@ bool count_down(const FanController& controller, int seconds) {
 void wait_and_check_alarm(FanController& controller, int alarm, int period) {
   fd_set attributes;
   FD_ZERO(&attributes);
-  const bool fits = alarm < FD_SETSIZE;  // not so behind a thousand inherited descriptors
+  const bool fits = alarm < FD_SETSIZE;  // FD_SET at or beyond FD_SETSIZE is undefined
   if (fits) FD_SET(alarm, &attributes);
   timeval timeout{};
   timeout.tv_sec = period;
@@ -182,16 +165,18 @@ void wait_and_check_alarm(FanController& controller, int alarm, int period) {
 }
 
 void wait_period(FanController& controller, int period) {
+  const SignalFlag& terminated = *controller.m_isSigTermDetected;
   if (controller.m_fanDriverType == FAN_DRIVER_NONE) {
-    if (!count_down(controller, period)) TRACE_AS(kWatcher, "Exit now !!");
+    if (!count_down(terminated, period)) TRACE_AS(kWatcher, "Exit now !!");
     return;
   }
-  const DescriptorPtr alarm(Descriptor(::open(controller.m_fanAlarmPath.c_str(), O_RDONLY)));
+  const char* const path = controller.m_fanAlarmPath.c_str();
+  const Descriptor alarm(::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   if (alarm) {
-    wait_and_check_alarm(controller, alarm.get().fd, period);
-  } else if (!count_down(controller, period)) {
+    wait_and_check_alarm(controller, alarm.get(), period);
+  } else if (!count_down(terminated, period)) {
     TRACE_AS(kWatcher, "get down the fan to the minimum speed before exit");
-    controller.m_curCmd->set_cur_cmd_val(first_command(controller));
+    controller.m_curCmd->set_cur_cmd_val(first_command(controller.m_valueMap));
   }
 }
 
@@ -203,15 +188,15 @@ void remove_pid_file(const FanController& controller) {
 
 void FanController::endlessWatcher(bool oneshot) {
   write_pid_file(*this);
-  if (!load_patiently(*this, &FanController::loadConfig, &FanController::m_missingConfigAlertRaised,
-                      ALERT_MISSING_CONFIG)) {
-    return;
+  while (!loadConfig()) {
+    if (!m_missingConfigAlertRaised) alertNotification(ALERT_MISSING_CONFIG);
+    if (!wait_before_reload(*m_isSigTermDetected)) return;
   }
   TRACE("=> config file loaded");
   detectProductConfig();
-  if (!load_patiently(*this, &FanController::loadValuesTab,
-                      &FanController::m_missingCmdTableAlertRaised, ALERT_MISSING_CMD_TABLE)) {
-    return;
+  while (!loadValuesTab()) {
+    if (!m_missingCmdTableAlertRaised) alertNotification(ALERT_MISSING_CMD_TABLE);
+    if (!wait_before_reload(*m_isSigTermDetected)) return;
   }
   trace_values_tab(*this);
   restore_alert_memory(*this);
@@ -235,28 +220,6 @@ void FanController::endlessWatcher(bool oneshot) {
 namespace {
 
 constexpr int kMillidegrees = 1000;
-constexpr char kPartitions[] = "/proc/partitions";
-constexpr std::size_t kPartitionLine = 256;  // a longer line is considered in pieces
-constexpr std::size_t kDeviceName = 3;       // "sd" and the drive letter
-
-// Collects the whole disks. The name's place and length are all that is looked at, so a 27th disk
-// (sdaa) counts as the first one once more. False, and none, when the list cannot be read to its
-// end: the hottest disk may be among those that are missing.
-bool list_disks(std::FILE* partitions, std::vector<std::string>& devices) {
-  // Two bytes more than a line takes: the byte behind an "sd" at the very end is looked at too.
-  std::array<char, kPartitionLine + 2> line{};
-  while (std::fgets(line.data(), kPartitionLine, partitions) != nullptr) {
-    const char* name = std::strstr(line.data(), "sd");
-    if (name == nullptr) continue;
-    const char behindLetter = name[kDeviceName];
-    if (behindLetter >= '0' && behindLetter <= '9') continue;
-    devices.push_back(join({"/dev/", std::string_view(name, kDeviceName)}));
-  }
-  if (std::ferror(partitions) == 0) return true;
-  devices.clear();
-  return false;
-}
-
 // Where both ways of measuring meet: the new temperature is shown, then it is acted upon.
 void take_temperature(FanController& controller, const char* operation, const char* label,
                       int temperature) {
@@ -286,7 +249,7 @@ int FanController::updateSysTemp() {
 
 int FanController::updateMaxTempHDD(bool activateSmart) {
   m_hddDevices.clear();
-  const FilePtr partitions(std::fopen(kPartitions, "rb"));
+  const FilePtr partitions(std::fopen(PARTITIONS_FILE, "rb"));
   if (!partitions || !list_disks(partitions.get(), m_hddDevices)) return -1;
 
   m_hddTempMap.clear();
@@ -295,18 +258,18 @@ int FanController::updateMaxTempHDD(bool activateSmart) {
        ++m_hddDevicesIt) {
     const std::string& path = *m_hddDevicesIt;
     TRACE("hdd ", path, " is present ");
-    const DescriptorPtr disk(Descriptor(::open(path.c_str(), O_RDONLY | O_NONBLOCK)));
+    const Descriptor disk(::open(path.c_str(), O_RDONLY | O_NONBLOCK));
     if (!disk) {
       TRACE("and cannot be opened");
       continue;
     }
     if (activateSmart) {
       TRACE("Activate smart feature set on device ", path);
-      (void)unable_smart_feature(disk.get().fd);
+      (void)unable_smart_feature(disk.get());
     }
-    const int temperature = get_smart_attr_value(disk.get().fd);
+    const int temperature = get_smart_attr_value(disk.get());
     TRACE(path, " returned temp=", temperature, "degC");
-    m_hddTempMap[get_identify_data(disk.get().fd)] = temperature;
+    m_hddTempMap[get_identify_data(disk.get())] = temperature;
     maximum = std::max(maximum, temperature);
   }
 
@@ -320,42 +283,36 @@ namespace {
 
 constexpr char kSelection[] = "processCmd";
 
-// Between two steps the nearer one decides, the lower one at equal distance.
-void apply_nearest_step(FanController& controller) {
+// Between two steps, by the nearer one.
+void apply_nearest_step(FanController& controller, const Selection& selection) {
   const int temperature = controller.m_currentTemp;
-  auto& step = controller.m_valueMapIt;
-  const auto upper = step;
-  const auto lower = std::prev(step);
-  // Wider than int: a table may span all of its range.
-  const std::int64_t diffInf = std::int64_t{temperature} - lower->first;
-  const std::int64_t diffSup = std::int64_t{upper->first} - temperature;
-  TRACE_AS(kSelection, "m_valueMapIt->first ", upper->first);
+  const int lower = selection.lower.temperature;
+  const int upper = selection.upper.temperature;
+  TRACE_AS(kSelection, "m_valueMapIt->first ", upper);
   TRACE_AS(kSelection, "m_currentTemp ", temperature);
-  TRACE_AS(kSelection, "m_valueMapIt->first ", lower->first);
-  TRACE_AS(kSelection, "diffInf ", diffInf);
-  TRACE_AS(kSelection, "diffSup ", diffSup);
-  if (diffSup < diffInf) {
-    controller.m_curCmd->set_cur_cmd_val(upper->second);
-    TRACE_AS(kSelection, temperature, " choose upper limit ", upper->first);
+  TRACE_AS(kSelection, "m_valueMapIt->first ", lower);
+  // Wider than int: a table may span all of its range.
+  TRACE_AS(kSelection, "diffInf ", std::int64_t{temperature} - lower);
+  TRACE_AS(kSelection, "diffSup ", std::int64_t{upper} - temperature);
+  controller.m_curCmd->set_cur_cmd_val(selection.command);
+  if (selection.takesUpper) {
+    TRACE_AS(kSelection, temperature, " choose upper limit ", upper);
   } else {
-    step = lower;
-    controller.m_curCmd->set_cur_cmd_val(lower->second);
-    TRACE_AS(kSelection, temperature, " choose lower limit ", lower->first);
+    --controller.m_valueMapIt;
+    TRACE_AS(kSelection, temperature, " choose lower limit ", lower);
   }
 }
 
-// Between two steps a rising or steady temperature takes the upper one, a falling one the lower.
-void apply_by_hysteresis(FanController& controller) {
+// Between two steps, by the direction in which the temperature goes.
+void apply_by_hysteresis(FanController& controller, const Selection& selection) {
   const int temperature = controller.m_currentTemp;
   const int previous = controller.m_previousTemp;
-  const auto upper = controller.m_valueMapIt;
-  if (previous <= temperature) {
-    controller.m_curCmd->set_cur_cmd_val(upper->second);
-    TRACE_AS(kSelection, temperature, ": choose upper limit ", upper->first, previous);
+  controller.m_curCmd->set_cur_cmd_val(selection.command);
+  if (selection.takesUpper) {
+    TRACE_AS(kSelection, temperature, ": choose upper limit ", selection.upper.temperature,
+             previous);
   } else {
-    const auto lower = std::prev(upper);
-    controller.m_curCmd->set_cur_cmd_val(lower->second);
-    TRACE_AS(kSelection, temperature, ": choose lower limit ", lower->first);
+    TRACE_AS(kSelection, temperature, ": choose lower limit ", selection.lower.temperature);
   }
   TRACE_AS(kSelection, " previous temp value was ", previous);
 }
@@ -363,18 +320,17 @@ void apply_by_hysteresis(FanController& controller) {
 }  // namespace
 
 bool FanController::processCmd() {
-  const int tLow = m_valueMap.empty() ? 0 : m_valueMap.begin()->first;
-  const int tHigh = alertLevel();
+  const auto selection = select_command(m_valueMap, m_currentTemp, m_previousTemp, m_useHysteresis);
+  const int tHigh = alert_level(m_valueMap);
   TRACE("current temp = ", m_currentTemp);
-  const bool belowTable = m_currentTemp <= tLow;
-  if (belowTable) {
-    m_curCmd->set_cur_cmd_val(first_command(*this));
+  if (selection.place == Selection::kBelow) {
+    m_curCmd->set_cur_cmd_val(selection.command);
     TRACE(" take min step of values tab i.e. ");
   }
   TRACE("tHigh ", tHigh);
   if (m_currentTemp > tHigh) {
     TRACE(" take max step of values tab i.e. ");
-    m_curCmd->set_cur_cmd_val(last_command(*this));
+    m_curCmd->set_cur_cmd_val(selection.command);
     if (m_currentTemp > m_hddCriticalTemp) {
       alertNotification(ALERT_TEMP_CRITICAL);
     } else if (m_lastTempAlert != ALERT_TEMP_HIGH) {
@@ -385,19 +341,15 @@ bool FanController::processCmd() {
   if (m_currentTemp < tHigh && m_lastTempAlert != ALERT_TEMP_NORMAL) {
     alertNotification(ALERT_TEMP_NORMAL);
   }
-  if (belowTable) return true;
+  if (selection.place == Selection::kBelow) return true;
 
   m_valueMapIt = m_valueMap.lower_bound(m_currentTemp);
   if (m_useHysteresis) {
-    apply_by_hysteresis(*this);
+    apply_by_hysteresis(*this, selection);
   } else {
-    apply_nearest_step(*this);
+    apply_nearest_step(*this, selection);
   }
   return true;
-}
-
-int FanController::alertLevel() const {
-  return m_valueMap.empty() ? 0 : m_valueMap.rbegin()->first;
 }
 
 // --- Fan alarm ---
@@ -425,7 +377,7 @@ void count_clear_reading(FanController& controller) {
 void try_restart(FanController& controller) {
   TRACE_AS(kAlarm, "try to restart the FAN");
   TRACE_AS(kAlarm, "setting highest value");
-  controller.m_curCmd->set_cur_cmd_val(last_command(controller));
+  controller.m_curCmd->set_cur_cmd_val(last_command(controller.m_valueMap));
   (void)::sleep(kRestartSeconds);
 }
 
@@ -459,76 +411,35 @@ void FanController::getFanAlarm(int* alarmDescriptor, bool restart) {
 namespace {
 
 constexpr char kDiscovery[] = "detectProductConfig";
-constexpr char kCloseLoop[] = "2";  // pwm1_enable: the driver regulates the speed itself
-
-// The attributes of the two known drivers, in the order of their bytes.
-constexpr std::array<std::string_view, 10> kI2cAttributes = {
-    "fan1_alarm", "fan1_div", "fan1_input",  "fan1_target", "modalias",
-    "name",       "pwm1",     "pwm1_enable", "pwm1_mode",   "uevent"};
-constexpr std::array<std::string_view, 11> kGpioAttributes = {
-    "fan1_alarm", "fan1_input", "fan1_max",    "fan1_min",  "fan1_target", "modalias",
-    "name",       "pwm1",       "pwm1_enable", "pwm1_mode", "uevent"};
-static_assert(std::ranges::is_sorted(kI2cAttributes));
-static_assert(std::ranges::is_sorted(kGpioAttributes));
-
-using Entries = std::set<std::string>;
-
-bool matches(const Entries& entries, std::span<const std::string_view> attributes) {
-  return std::ranges::equal(entries, attributes);
-}
-
-Entries list_readable_entries(DIR* directory, const std::string& path) {
-  Entries entries;
-  while (const dirent* entry = ::readdir(directory)) {
-    const std::string_view name = entry->d_name;
-    if (name == "." || name == "..") continue;
-    const std::string full = join({path, "/", name});
-    if (DirPtr(::opendir(full.c_str()))) continue;
-    if (!FilePtr(std::fopen(full.c_str(), "r"))) continue;
-    TRACE_AS(kDiscovery, "Keep sysfs entry: ", full);
-    entries.emplace(name);
-  }
-  return entries;
-}
-
 std::string attribute_path(const FanController& controller, std::string_view name) {
   return join({controller.m_fanDriverSysfsDir, "/", name});
 }
 
-void use_default_alarm(FanController& controller) {
-  if (controller.m_fanAlarmPath.empty()) {
-    controller.m_fanAlarmPath = attribute_path(controller, "fan1_alarm");
-  }
-}
-
-void configure_i2c(FanController& controller) {
-  TRACE_AS(kDiscovery, "Match a fan driver I2C interface");
-  syslog(LOG_INFO, "Match a fan driver I2C interface");
-  controller.m_fanDriverType = FAN_DRIVER_I2C;
-  controller.m_fanCmdPath = attribute_path(controller, "pwm1");
-  const auto mode = sysfs_read_attr(attribute_path(controller, "pwm1_enable").c_str());
-  if (mode && std::strcmp(mode.get(), kCloseLoop) == 0) {
-    TRACE_AS(kDiscovery, "Fan mode is close-loop");
-    controller.m_closeLoop = true;
-  } else if (mode) {
-    TRACE_AS(kDiscovery, "Fan mode is open-loop");
-  }
-  use_default_alarm(controller);
-}
-
-void configure_gpio(FanController& controller) {
-  TRACE_AS(kDiscovery, "Match a fan driver GPIO interface");
-  syslog(LOG_INFO, "Match a fan driver GPIO interface");
-  controller.m_fanCmdPath = attribute_path(controller, "fan1_target");
-  controller.m_fanDriverType = FAN_DRIVER_GPIO;
-  use_default_alarm(controller);
+// Whether the driver says that it regulates the speed itself.
+bool runs_close_loop(const FanController& controller) {
+  const auto mode = sysfs_read_attr(attribute_path(controller, FAN_MODE).c_str());
+  if (!mode) return false;
+  const bool closeLoop = std::strcmp(mode.get(), CLOSE_LOOP) == 0;
+  TRACE_AS(kDiscovery, closeLoop ? "Fan mode is close-loop" : "Fan mode is open-loop");
+  return closeLoop;
 }
 
 // A configured alarm attribute that cannot be read gives way to the driver's own.
 void check_alarm_path(FanController& controller) {
+  std::string own = attribute_path(controller, FAN_ALARM);
+  if (controller.m_fanAlarmPath.empty()) controller.m_fanAlarmPath = own;
   if (sysfs_read_attr(controller.m_fanAlarmPath.c_str())) return;
-  std::string own = attribute_path(controller, "fan1_alarm");
   if (sysfs_read_attr(own.c_str())) controller.m_fanAlarmPath = std::move(own);
+}
+
+void use_driver(FanController& controller, const DriverRow& driver) {
+  TRACE_AS(kDiscovery, driver.match);
+  syslog(LOG_INFO, "%s", driver.match);
+  controller.m_fanDriverType = driver.kind;
+  controller.m_closeLoop = driver.asksForMode && runs_close_loop(controller);
+  controller.m_fanCmdPath =
+      attribute_path(controller, controller.m_closeLoop ? FAN_TARGET : driver.command);
+  check_alarm_path(controller);
 }
 
 // Leaves the driver type at FAN_DRIVER_NONE when there is nothing to be recognised.
@@ -540,16 +451,15 @@ void find_driver(FanController& controller) {
     return;
   }
   TRACE_AS(kDiscovery, "Get current entries in sysfs ", path);
-  const Entries entries = list_readable_entries(directory.get(), path);
-  if (matches(entries, kI2cAttributes)) {
-    configure_i2c(controller);
-  } else if (matches(entries, kGpioAttributes)) {
-    configure_gpio(controller);
+  auto entries = list_readable_entries(directory.get(), path);
+  for (const std::string& name : entries) {
+    TRACE_AS(kDiscovery, "Keep sysfs entry: ", path, "/", name);
+  }
+  if (const DriverRow* driver = match_driver(std::move(entries))) {
+    use_driver(controller, *driver);
   } else {
     TRACE_AS(kDiscovery, "Sysfs entries in ", path, " does not match with any known pattern");
   }
-  if (controller.m_fanDriverType != FAN_DRIVER_NONE) check_alarm_path(controller);
-  if (controller.m_closeLoop) controller.m_fanCmdPath = attribute_path(controller, "fan1_target");
 }
 
 }  // namespace
@@ -569,76 +479,6 @@ void FanController::detectProductConfig() {
 
 // --- Configuration files ---
 
-namespace {
-
-// What one line of a configuration file sets.
-struct Setting {
-  std::string key;
-  std::string value;
-};
-
-void strip_trailing_spaces(std::string& text) {
-  text.erase(text.find_last_not_of(' ') + 1);  // npos + 1 is 0: nothing but spaces
-}
-
-// Finds the next line of the form key=value; empty lines, comments (a # in the first column) and
-// lines without a = are passed over. False at the end of the file.
-bool next_setting(std::FILE* file, Setting& setting) {
-  std::string line;
-  while (read_line(file, line)) {
-    if (line.empty() || line.front() == '#') continue;
-    const std::size_t equals = line.find('=');
-    if (equals == std::string::npos) continue;
-    setting.key = line.substr(0, equals);
-    setting.value = line.substr(equals + 1);
-    strip_trailing_spaces(setting.key);
-    strip_trailing_spaces(setting.value);
-    return true;
-  }
-  return false;
-}
-
-struct KnownSetting {
-  std::string_view key;
-  const char* label;  // of the trace
-  void (*apply)(FanController& controller, const std::string& value);
-};
-
-constexpr KnownSetting kKnownSettings[] = {
-    {"pid_file", "pid_file : ",
-     [](FanController& controller, const std::string& value) { controller.m_pidFile = value; }},
-    {"fan_driver_sysfs_dir", "fan_driver_interface : ",
-     [](FanController& controller, const std::string& value) {
-       controller.m_fanDriverSysfsDir = value;
-     }},
-    {"fan_driver_sysfs_alarm", "fan_driver_alarm : ",
-     [](FanController& controller, const std::string& value) {
-       controller.m_fanAlarmPath = value;
-     }},
-    {"period_in_sec", "period_in_sec found: ",
-     [](FanController& controller, const std::string& value) {
-       controller.m_periodInSec = parse_int(value.c_str());
-     }},
-    {"dump_info_to_file", "dump_info_to_file : ",
-     [](FanController& controller, const std::string& value) {
-       controller.m_dumpInfoFile = value;
-     }},
-    {"use_hysteresis", "use_hysteresis : ",
-     [](FanController& controller, const std::string& value) {
-       if (value == "yes") controller.m_useHysteresis = true;
-     }},
-    {"hdd_critical_temperature", "hdd_critical_temperature : ",
-     [](FanController& controller, const std::string& value) {
-       controller.m_hddCriticalTemp = parse_int(value.c_str());
-     }},
-    {"temp_sensor_sysfs_entry", "temp_sensor_sysfs_entry: ",
-     [](FanController& controller, const std::string& value) {
-       controller.m_tempSensorPath = value;
-     }},
-};
-
-}  // namespace
-
 bool FanController::loadConfig() {
   const std::string path = join({m_configDir, "/", CONFIG_FILE});
   const FilePtr file(std::fopen(path.c_str(), "r"));
@@ -649,10 +489,11 @@ bool FanController::loadConfig() {
   TRACE("configfile ", path, " has been opened");
   Setting setting;
   while (next_setting(file.get(), setting)) {
-    const auto* known = std::ranges::find(kKnownSettings, setting.key, &KnownSetting::key);
-    if (known == std::end(kKnownSettings)) continue;
-    known->apply(*this, setting.value);
-    TRACE(known->label, setting.value);
+    const auto& rows = SETTING_ROWS<FanController>;
+    const auto row = std::ranges::find(rows, setting.key, &SettingRow<FanController>::key);
+    if (row == rows.end()) continue;
+    assign(*this, *row, setting.value);
+    TRACE(row->label, setting.value);
   }
   return true;
 }
@@ -661,10 +502,7 @@ bool FanController::loadValuesTab() {
   const std::string path = join({m_configDir, "/", CMD_TABLE_FILE});
   const FilePtr file(std::fopen(path.c_str(), "r"));
   if (!file) return false;
-  Setting step;
-  while (next_setting(file.get(), step)) {
-    m_valueMap[parse_int(step.key.c_str())] = parse_int(step.value.c_str());
-  }
+  read_command_table(file.get(), m_valueMap);
   TRACE("=> value tab file loaded ");
   return true;
 }
@@ -683,8 +521,7 @@ std::string status_header(int alertLevel) {
                time.tm_mday, "-", time.tm_mon + 1, "-", time.tm_year + 1900, "\n"});
 }
 
-// The n-th device of the list stands beside the n-th drive of the map, which is in the order of the
-// drives' identities.
+// The two orders differ: a line may show another disk's temperature; kept, because others parse it.
 std::string drive_lines(FanController& controller, int alertLevel) {
   std::string lines;
   auto& device = controller.m_hddDevicesIt;
@@ -707,7 +544,7 @@ int FanController::dumpInfoToFile() {
   const FilePtr file(std::fopen(m_dumpInfoFile.c_str(), "w+"));
   if (!file) return 0;
   m_valueMapIt = m_valueMap.empty() ? m_valueMap.end() : std::prev(m_valueMap.end());
-  const int level = alertLevel();
+  const int level = alert_level(m_valueMap);
   std::string text = status_header(level);
   if (sysfs_read_attr(m_tempSensorPath.c_str())) {
     const char* state = m_currentTemp < level ? "OK : " : "HOT : ";

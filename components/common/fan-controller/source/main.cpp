@@ -1,12 +1,8 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <getopt.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/time.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -23,15 +19,11 @@ int verbose_flag = 0;
 std::string confFilePath;
 
 // The signal handler's only way to the controller. Null while there is none.
-std::atomic<SignalFlag*> g_IsSigTermDetected = nullptr;
-std::atomic<SignalFlag*> g_SwitchToNormalMode = nullptr;
-std::atomic<SignalFlag*> g_SwitchToSpindownMode = nullptr;
-static_assert(std::atomic<SignalFlag*>::is_always_lock_free);
+SignalFlag* volatile g_IsSigTermDetected = nullptr;
+SignalFlag* volatile g_SwitchToNormalMode = nullptr;
+SignalFlag* volatile g_SwitchToSpindownMode = nullptr;
 
 namespace {
-
-constexpr char kNull[] = "/dev/null";
-constexpr int kSocketPatienceUs = 1000;
 
 void usage() {
   (void)std::fputs("usage: \n\t/sbin/fan_controller ", stderr);
@@ -58,7 +50,7 @@ void brief() {
 struct SignalAction {
   int number;
   std::string_view trace;
-  std::atomic<SignalFlag*>* flag;
+  SignalFlag* volatile* flag;
 };
 
 // In the order of installation.
@@ -73,11 +65,13 @@ constexpr SignalAction kSignalActions[] = {
 };
 
 void signal_handler(int number) {
+  // Nobody reads the trace: it is no use to trace that.
+  if (number == SIGPIPE && trace_is_written()) return;
   const int savedErrno = errno;
   for (const SignalAction& action : kSignalActions) {
     if (action.number != number) continue;
     write_trace(action.trace);
-    SignalFlag* flag = action.flag != nullptr ? action.flag->load() : nullptr;
+    SignalFlag* flag = action.flag != nullptr ? *action.flag : nullptr;
     if (flag != nullptr) *flag = true;
   }
   errno = savedErrno;
@@ -140,36 +134,24 @@ void report_stray_arguments(int argc, char* argv[]) {
   (void)std::fputs("\n", stderr);
 }
 
-// Puts a file in the place of a descriptor, which stays as it is when the file cannot be opened.
-void redirect(int descriptor, const char* path, int mode) {
-  DescriptorPtr target(Descriptor(::open(path, mode)));
-  if (target.get() == Descriptor(descriptor)) {
-    (void)target.release();
-  } else if (target) {
-    (void)::dup2(target.get().fd, descriptor);
-  }
+// Puts /dev/null in the place of a descriptor, which stays as it is when that cannot be opened.
+bool redirect_to_null(int descriptor, int mode) {
+  Descriptor null(::open("/dev/null", mode));
+  if (null.get() == descriptor) return null.release() == descriptor;
+  return null && ::dup2(null.get(), descriptor) >= 0;
 }
 
 // A descriptor that the caller has closed would be given to the next file opened, and trace lines
 // would then go into that file.
 void fill_closed_standard_descriptors() {
   for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-    if (::fcntl(descriptor, F_GETFD) < 0) redirect(descriptor, kNull, O_RDWR);
+    if (::fcntl(descriptor, F_GETFD) < 0) (void)redirect_to_null(descriptor, O_RDWR);
   }
 }
 
-// A reader that stops reading, a paused terminal say, must not hold up the fan: lines that it does
-// not take are lost. A pipe or terminal is opened anew, because the mode of the descriptor that was
-// handed down is shared with whoever handed it down; a socket, a service manager's, cannot be.
-void keep_traces_from_blocking() {
-  struct stat status {};
-  if (::fstat(STDOUT_FILENO, &status) != 0) return;
-  if (S_ISSOCK(status.st_mode)) {
-    const timeval patience = {.tv_sec = 0, .tv_usec = kSocketPatienceUs};
-    (void)::setsockopt(STDOUT_FILENO, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
-  } else if (S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode)) {
-    redirect(STDOUT_FILENO, "/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_NOCTTY);
-  }
+void detach_standard_streams() {
+  (void)redirect_to_null(STDIN_FILENO, O_RDONLY);
+  if (redirect_to_null(STDOUT_FILENO, O_WRONLY)) trace_into_null();
 }
 
 bool is_directory(const std::string& path) {
@@ -184,11 +166,9 @@ sigset_t handled_signals() {
   return signals;
 }
 
-int run_service(bool oneshot) {
-  // Held back until the handler can reach the controller: a request to stop must not get lost. This
-  // also undoes a mask that was handed down.
-  const sigset_t signals = handled_signals();
-  (void)::sigprocmask(SIG_BLOCK, &signals, nullptr);
+// The signals are held back when it is called, until the handler can reach the controller: a
+// request to stop must not get lost. To let them in undoes a mask that was handed down as well.
+int run_service(bool oneshot, const sigset_t& signals) {
   for (const SignalAction& action : kSignalActions) {
     (void)std::signal(action.number, signal_handler);
   }
@@ -211,27 +191,24 @@ int run_service(bool oneshot) {
 }  // namespace
 
 int main(int argc, char* argv[]) {
-  // Until the handlers stand, a reader of the option traces that has gone away must not kill.
+  // Ignore SIGPIPE until the handler stands: option traces may go to a closed pipe.
   (void)std::signal(SIGPIPE, SIG_IGN);
   verbose_flag = 0;
   const bool oneshot = parse_options(argc, argv);
   report_stray_arguments(argc, argv);
   fill_closed_standard_descriptors();
-  if (verbose_flag == 0) {
-    redirect(STDIN_FILENO, kNull, O_RDONLY);
-    redirect(STDOUT_FILENO, kNull, O_WRONLY);
-  } else {
-    keep_traces_from_blocking();
-  }
+  if (verbose_flag == 0) detach_standard_streams();
   if (!is_directory(confFilePath)) return EXIT_FAILURE;
 
-  switch (::fork()) {
-    case -1:
-      TRACE("fork has failed!!");
-      return EXIT_FAILURE;
-    case 0:
-      return run_service(oneshot);
-    default:
-      return EXIT_SUCCESS;
-  }
+  // Held back before the fork: the end of a terminal's session leader sends SIGHUP to the new
+  // process at once, which has no handler yet.
+  const sigset_t signals = handled_signals();
+  sigset_t inherited;
+  (void)::sigprocmask(SIG_BLOCK, &signals, &inherited);
+  const pid_t service = ::fork();
+  if (service == 0) return run_service(oneshot, signals);
+  (void)::sigprocmask(SIG_SETMASK, &inherited, nullptr);
+  if (service > 0) return EXIT_SUCCESS;
+  TRACE("fork has failed!!");
+  return EXIT_FAILURE;
 }

@@ -14,6 +14,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 struct FileCloser {
   void operator()(std::FILE* file) const noexcept { (void)std::fclose(file); }
@@ -25,23 +26,24 @@ struct DirCloser {
 };
 using DirPtr = std::unique_ptr<DIR, DirCloser>;
 
-/// A file descriptor in the shape that std::unique_ptr owns; -1 takes the place of the null
-/// pointer.
-struct Descriptor {
-  int fd = -1;
+/// Owns a file descriptor and closes it. A negative number, as a failed open() gives, owns nothing.
+class Descriptor {
+ public:
+  explicit Descriptor(int descriptor) noexcept : m_descriptor(descriptor) {}
+  ~Descriptor() {
+    if (m_descriptor >= 0) (void)::close(m_descriptor);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
 
-  Descriptor() = default;
-  Descriptor(std::nullptr_t) {}
-  explicit Descriptor(int descriptor) : fd(descriptor) {}
-  explicit operator bool() const { return fd >= 0; }
-  friend bool operator==(Descriptor, Descriptor) = default;
-};
+  int get() const { return m_descriptor; }
+  explicit operator bool() const { return m_descriptor >= 0; }
+  /// Hands the descriptor over without closing it.
+  int release() { return std::exchange(m_descriptor, -1); }
 
-struct DescriptorCloser {
-  using pointer = Descriptor;
-  void operator()(Descriptor descriptor) const noexcept { (void)::close(descriptor.fd); }
+ private:
+  int m_descriptor;
 };
-using DescriptorPtr = std::unique_ptr<Descriptor, DescriptorCloser>;
 
 /// One piece of a composed text: text as it is, or a whole number in decimal. Lives only as long as
 /// the expression that names it; it does not copy the text.
@@ -67,12 +69,21 @@ class TextPiece {
 /// The pieces joined with nothing between them.
 std::string join(std::initializer_list<TextPiece> pieces);
 
-/// Writes finished text to standard output, whole lines at a time. Safe in a signal handler. Once
-/// the reader of a pipe has gone away it writes nothing more, for the rest of the process: each
-/// attempt would raise SIGPIPE again. Other failures lose the text and nothing else.
+/// Writes finished lines to standard output. Safe in a signal handler. Where there is no room they
+/// wait for it, at most a second; once that was in vain, lines are dropped without waiting until
+/// there is room again. While nobody reads they are dropped too. Other failures lose the line and
+/// nothing else.
 void write_trace(std::string_view text) noexcept;
 
-/// Writes one trace line, "<file>:<operation> <message>" and a line feed, in one go up to 1 KiB.
+/// Tells that standard output is /dev/null: no line has to look for room any more.
+void trace_into_null() noexcept;
+
+/// True while a line is being handed over: a SIGPIPE that arrives now tells only that the reader of
+/// the trace has gone away.
+bool trace_is_written() noexcept;
+
+/// Writes one trace line, "<file>:<operation> <message>" and a line feed, in one go up to 1 KiB (on
+/// a terminal up to 256 bytes).
 void trace_line(const char* file, const char* operation,
                 std::initializer_list<TextPiece> message) noexcept;
 
@@ -83,7 +94,7 @@ void trace_line(const char* file, const char* operation,
 
 /// Reads the first line of a sysfs attribute: at most 127 bytes, handed back without the last of
 /// them, which in sysfs is the line feed. Null when the attribute cannot be opened or read or is
-/// empty, and, with a trace, when memory runs out.
+/// empty, and, with a trace, when memory runs out. Never waits: a pipe without a writer is empty.
 std::unique_ptr<char[]> sysfs_read_attr(char const* path);
 
 /// Reads the next line of any length, without its line feed; a last line may lack it. False at the

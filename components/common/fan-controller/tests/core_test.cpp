@@ -3,7 +3,6 @@
 #include <regex>
 #include <utility>
 
-#include "alert-mgr.h"
 #include "fixtures.h"
 #include "utils.h"
 
@@ -143,9 +142,9 @@ namespace {
 constexpr int N = ALERT_TEMP_NORMAL, H = ALERT_TEMP_HIGH, C = ALERT_TEMP_CRITICAL;
 constexpr int U = ALERT_UNKNOWN;
 
-// What a selection is based on, the command and the alert that follow, and the end of what is
+// What a choice is based on, the command and the alert that follow, and the end of what is
 // traced, without its prefix.
-struct Selection {
+struct Choice {
   Table table = {{30, 100}, {40, 150}, {50, 200}, {55, 255}};
   int last = N, critical = 65;
   int before = 0;  // by hysteresis, if given
@@ -157,7 +156,7 @@ struct Selection {
 
 TEST_CASE("selection") {
   const Table none, extreme = {{INT_MIN, 1}, {INT_MAX, 2}};
-  const Selection selections[] = {
+  const Choice choices[] = {
       // At and below the table, between its steps, at its end.
       {.last = H, .now = -20, .command = 100, .alert = N},
       {.now = 30, .command = 100, .trace = " take min step of values tab i.e. \ntHigh 55\n"},
@@ -198,7 +197,7 @@ TEST_CASE("selection") {
       {.table = extreme, .command = 2},
       {.table = extreme, .now = -1, .command = 1},
   };
-  for (const Selection& each : selections) {
+  for (const Choice& each : choices) {
     CAPTURE(each.now);
     CAPTURE(each.before);
     Bench bench;

@@ -5,7 +5,6 @@
 #include <fstream>
 #include <iterator>
 
-#include "alert-mgr.h"
 #include "appliance.h"
 
 Lines operator+(Lines left, const Lines& right) {

@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "FanController.h"
+#include "alert-mgr.h"
+#include "drivers.h"
 #include "layout.h"
 #include "program.h"
 

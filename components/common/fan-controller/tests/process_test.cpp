@@ -8,7 +8,6 @@
 #include <optional>
 #include <sstream>
 
-#include "alert-mgr.h"
 #include "fixtures.h"
 
 namespace {
@@ -327,6 +326,7 @@ TEST_CASE("a pipe among the files of the hardware is no value, and holds nothing
       CAPTURE(pipe);
       const Product product("3 signal TERM\n", kSettings + "fan_driver_sysfs_alarm=/sys/alarm\n");
       product.write(FAN + "/fan1_alarm", "");  // an alarm that is a pipe is kept then
+      product.write("/sys/alarm", "0\n");
       product.remove(pipe);
       REQUIRE(::mkfifo(product.at(pipe).c_str(), 0600) == 0);
       const Handle writer(held ? ::open(product.at(pipe).c_str(), O_RDWR | O_CLOEXEC) : -1);

@@ -29,7 +29,7 @@ void command_table(const Appliance& appliance, FanController& controller, const 
   appliance.write("/etc/fan_controller/fan_cmd_tab.conf", text);
   expect(controller.loadValuesTab());
   const auto& table = controller.m_valueMap;
-  for (const int temperature : {INT_MIN, 0, controller.alertLevel(), INT_MAX, 40, INT_MIN}) {
+  for (const int temperature : {INT_MIN, 0, alert_level(table), INT_MAX, 40, INT_MIN}) {
     controller.m_previousTemp = std::exchange(controller.m_currentTemp, temperature);
     expect(controller.processCmd());
     const auto above = table.lower_bound(temperature);

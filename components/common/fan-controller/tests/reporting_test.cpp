@@ -5,7 +5,6 @@
 
 #include <fstream>
 
-#include "alert-mgr.h"
 #include "fixtures.h"
 
 namespace fs = std::filesystem;

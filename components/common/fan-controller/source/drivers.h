@@ -1,0 +1,57 @@
+// The fan drivers that are known, each by the names of its attributes (the kernel's hwmon sysfs
+// interface).
+#pragma once
+
+#include <dirent.h>
+
+#include <array>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// What the configured sysfs directory turned out to hold.
+enum FanDriverType : int {
+  FAN_DRIVER_NONE = 0,  ///< fanless product
+  FAN_DRIVER_GPIO = 1,
+  FAN_DRIVER_I2C = 2,
+};
+
+inline constexpr std::string_view FAN_ALARM = "fan1_alarm";
+inline constexpr std::string_view FAN_PWM = "pwm1";
+inline constexpr std::string_view FAN_MODE = "pwm1_enable";
+inline constexpr std::string_view FAN_TARGET = "fan1_target";
+
+/// What FAN_MODE reads when the driver regulates the fan's speed itself: it wants FAN_TARGET then.
+inline constexpr char CLOSE_LOOP[] = "2";
+
+// In the order of their bytes.
+inline constexpr std::array<std::string_view, 10> I2C_ATTRIBUTES = {
+    FAN_ALARM, "fan1_div", "fan1_input", FAN_TARGET,  "modalias",
+    "name",    FAN_PWM,    FAN_MODE,     "pwm1_mode", "uevent"};
+inline constexpr std::array<std::string_view, 11> GPIO_ATTRIBUTES = {
+    FAN_ALARM, "fan1_input", "fan1_max", "fan1_min",  FAN_TARGET, "modalias",
+    "name",    FAN_PWM,      FAN_MODE,   "pwm1_mode", "uevent"};
+
+/// A kind of driver. A directory that holds exactly these readable files, in no particular order,
+/// has it.
+struct DriverRow {
+  FanDriverType kind;
+  const char* match;  ///< the text that reports the match
+  std::string_view command;
+  bool asksForMode;  ///< whether FAN_MODE decides between command and FAN_TARGET
+  std::span<const std::string_view> attributes;
+};
+
+/// In the order in which they are tried.
+inline constexpr DriverRow DRIVER_ROWS[] = {
+    {FAN_DRIVER_I2C, "Match a fan driver I2C interface", FAN_PWM, true, I2C_ATTRIBUTES},
+    {FAN_DRIVER_GPIO, "Match a fan driver GPIO interface", FAN_TARGET, false, GPIO_ATTRIBUTES},
+};
+
+/// The names in an open directory that can be opened for reading, in the directory's order. Left
+/// out are directories, links to them, and pipes. path: the directory's own.
+std::vector<std::string> list_readable_entries(DIR* directory, const std::string& path);
+
+/// The driver that has exactly these entries, in whatever order; null when there is none.
+const DriverRow* match_driver(std::vector<std::string> entries);
