@@ -35,11 +35,11 @@ Appliance::~Appliance() {
 }
 
 std::string Appliance::read(const std::string& path) const {
-  std::error_code missing;
-  const auto size = fs::file_size(at(path), missing);
-  std::string text(missing ? 0 : static_cast<std::size_t>(size), '\0');
-  std::ifstream file(at(path), std::ios::binary);
-  file.read(text.data(), static_cast<std::streamsize>(text.size()));
+  std::ifstream file(at(path), std::ios::binary | std::ios::ate);
+  const auto size = static_cast<std::streamsize>(file.tellg());  // -1 without a file
+  std::string text(size < 0 ? 0 : static_cast<std::size_t>(size), '\0');
+  file.seekg(0);
+  file.read(text.data(), size);
   text.resize(static_cast<std::size_t>(file.gcount()));
   return text;
 }
@@ -75,14 +75,19 @@ void Appliance::config(const std::string& settings, const std::string& table) co
   if (!table.empty()) write(folder + "/fan_cmd_tab.conf", table);
 }
 
-std::vector<std::string> Appliance::journal(const std::vector<std::string>& kinds) const {
-  std::vector<std::string> entries;
+std::vector<std::string> Appliance::entries(const std::vector<std::string>& kinds) const {
+  std::vector<std::string> found;
   std::ifstream file(at("/journal"));
   for (std::string line; std::getline(file, line);) {
     const std::string entry = line.substr(line.find(' ') + 1);
     const std::string kind = entry.substr(0, entry.find(' '));
-    if (std::find(kinds.begin(), kinds.end(), kind) != kinds.end()) entries.push_back(entry);
+    if (std::find(kinds.begin(), kinds.end(), kind) != kinds.end()) found.push_back(entry);
   }
+  return found;
+}
+
+std::vector<std::string> Appliance::journal(const std::vector<std::string>& kinds) const {
+  auto found = entries(kinds);
   fs::remove(at("/journal"));
-  return entries;
+  return found;
 }

@@ -31,7 +31,9 @@ class Appliance {
   void fan(const std::string& folder, bool gpio) const;
   // The configuration directory, /etc/fan_controller; an empty text leaves the file out.
   void config(const std::string& settings, const std::string& table) const;
-  // The journal's entries of these kinds, without their time ("syslog 6 text"). It begins anew.
+  // The journal's entries of these kinds, without their time ("syslog 6 text").
+  std::vector<std::string> entries(const std::vector<std::string>& kinds) const;
+  // The same, and the journal begins anew: for a program that has ended, or is this one.
   std::vector<std::string> journal(const std::vector<std::string>& kinds) const;
 
  private:

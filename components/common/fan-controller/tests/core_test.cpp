@@ -156,38 +156,31 @@ struct Choice {
 
 TEST_CASE("selection") {
   const Table none, extreme = {{INT_MIN, 1}, {INT_MAX, 2}};
+  const std::string lower =
+      "m_valueMapIt->first 40\nm_currentTemp 35\nm_valueMapIt->first 30\n"
+      "diffInf 5\ndiffSup 5\n35 choose lower limit 30\n";
+  const std::string upper = "diffInf 6\ndiffSup 4\n36 choose upper limit 40\n";
+  const std::string above = "temp = 65\ntHigh 55\n take max step of values tab i.e. \n";
+  const std::string rises = "5\n42: choose upper limit 5040\n previous temp value was 40\n";
+  const std::string falls = "5\n42: choose lower limit 40\n previous temp value was 45\n";
   const Choice choices[] = {
       // At and below the table, between its steps, at its end.
       {.last = H, .now = -20, .command = 100, .alert = N},
       {.now = 30, .command = 100, .trace = " take min step of values tab i.e. \ntHigh 55\n"},
-      {.now = 35, .command = 100, .trace = "diffSup 5\n35 choose lower limit 30\n"},
-      {.last = U,
-       .now = 36,
-       .command = 150,
-       .alert = N,
-       .trace = "m_valueMapIt->first 40\nm_currentTemp 36\nm_valueMapIt->first 30\n"
-                "diffInf 6\ndiffSup 4\n36 choose upper limit 40\n"},
+      {.now = 35, .command = 100, .trace = lower},
+      {.last = U, .now = 36, .command = 150, .alert = N, .trace = upper},
       {.last = C, .now = 54, .command = 255, .alert = N},
       {.last = H, .now = 55, .command = 255},
       {.now = 55, .command = 255},
       // Above the table; critical on every reading.
       {.now = 56, .command = 255, .alert = H},
-      {.last = H,
-       .now = 65,
-       .command = 255,
-       .trace = "temp = 65\ntHigh 55\n take max step of values tab i.e. \n"},
+      {.last = H, .now = 65, .command = 255, .trace = above},
       {.last = C, .now = 65, .command = 255, .alert = H},
       {.last = C, .now = 66, .command = 255, .alert = C},
       {.critical = 40, .now = 50, .command = 200},
       {.critical = 40, .now = 56, .command = 255, .alert = C},
-      {.before = 40,
-       .now = 42,
-       .command = 200,
-       .trace = "5\n42: choose upper limit 5040\n previous temp value was 40\n"},
-      {.before = 45,
-       .now = 42,
-       .command = 150,
-       .trace = "5\n42: choose lower limit 40\n previous temp value was 45\n"},
+      {.before = 40, .now = 42, .command = 200, .trace = rises},
+      {.before = 45, .now = 42, .command = 150, .trace = falls},
       {.before = 42, .now = 42, .command = 200},
       {.before = 52, .now = 50, .command = 150},
       // Short tables, and one that spans all integers.

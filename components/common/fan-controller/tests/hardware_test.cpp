@@ -27,11 +27,12 @@ struct Discovery {
 };
 
 TEST_CASE("discovery") {
-  const FanDriverType I2C = FAN_DRIVER_I2C, GPIO = FAN_DRIVER_GPIO, NONE = FAN_DRIVER_NONE;
+  const FanDriverType GPIO = FAN_DRIVER_GPIO, NONE = FAN_DRIVER_NONE;
   const std::string i2c = "Match a fan driver I2C interface";
   const std::string gpio = "Match a fan driver GPIO interface", close = "Fan mode is close-loop\n";
   const std::string fanless =
       "Unable to find appropriate fan entries in sysfs - consider a fanless product";
+  const std::string outcomes[] = {"4 " + fanless, "6 " + gpio, "6 " + i2c};
   const File other = {"/sys/alarm", "0\n"}, otherSilent = {"/sys/alarm", ""};
   const File extra = {FAN + "/extra", ""}, ownSilent = {kOwnAlarm, ""};
   const Discovery discoveries[] = {
@@ -66,10 +67,7 @@ TEST_CASE("discovery") {
     CHECK(bench.m_fanDriverType == each.type);
     CHECK(bench.m_curCmd->m_driverPath == each.command);
     CHECK(bench.m_fanAlarmPath == each.alarm);
-    const std::string outcome = each.type == I2C    ? "6 " + i2c
-                                : each.type == GPIO ? "6 " + gpio
-                                                    : "4 " + fanless;
-    CHECK(bench.journal({"syslog"}) == Lines{"syslog " + outcome});
+    CHECK(bench.journal({"syslog"}) == Lines{"syslog " + outcomes[each.type]});
     CHECK(text.ends_with(fanless + "\n") == (each.type == NONE));
   }
 }

@@ -208,8 +208,7 @@ TEST_CASE("flag files in a folder that is everybody's") {
     bench.write("/victim", "precious");
     CHECK(bench.check_file(HIGH_TEMP_FLAG) == 0);
     plant(flag, victim);
-    struct stat before {
-    }, after{};
+    struct stat before = {}, after = {};
     const timespec late[] = {{2'500'000'000, 0}, {2'500'000'000, 0}};  // beyond 32 bits of time
     (void)::utimensat(AT_FDCWD, flag.c_str(), late, AT_SYMLINK_NOFOLLOW);
     REQUIRE(::lstat(flag.c_str(), &before) == 0);
