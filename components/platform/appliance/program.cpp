@@ -29,7 +29,7 @@ constexpr mode_t kFileMode = 0600;
 constexpr rlim_t kFileSizeMost = rlim_t{16} << 20;
 constexpr rlim_t kProcessorSecondsMost = 30;
 constexpr int kPolls = 5000;
-constexpr std::chrono::milliseconds kPollPeriod{2};
+constexpr std::chrono::duration<int, std::milli> kPollPeriod{2};
 constexpr std::size_t kPiece = 4096;
 constexpr int kCannotExecute = 127;
 
@@ -122,17 +122,15 @@ bool eventually(const std::function<bool()>& condition) {
 
 std::string received(int descriptor, const std::function<bool(const std::string&)>& enough) {
   std::string text;
-  (void)eventually([&] {
+  char piece[kPiece];
+  const auto deadline = std::chrono::steady_clock::now() + kPolls * kPollPeriod;
+  while (!enough(text) && std::chrono::steady_clock::now() < deadline) {
     pollfd readable = {.fd = descriptor, .events = POLLIN, .revents = 0};
-    while (!enough(text)) {
-      if (::poll(&readable, 1, 0) <= 0) return false;
-      char piece[kPiece];
-      const ssize_t count = ::read(descriptor, piece, sizeof piece);
-      if (count <= 0) return true;
-      text.append(piece, static_cast<std::size_t>(count));
-    }
-    return true;
-  });
+    if (::poll(&readable, 1, kPollPeriod.count()) <= 0) continue;
+    const ssize_t count = ::read(descriptor, piece, sizeof piece);
+    if (count <= 0) break;
+    text.append(piece, static_cast<std::size_t>(count));
+  }
   return text;
 }
 
