@@ -23,6 +23,7 @@ constexpr std::size_t kTerminalRoom = 256;
 
 // Set and tested by the signal handler's trace as well, hence the type.
 volatile std::sig_atomic_t intoNull = 0;
+volatile std::sig_atomic_t silent = 0;
 volatile std::sig_atomic_t stalled = 0;   // a second of waiting was in vain
 volatile std::sig_atomic_t writing = 0;   // inside write()
 volatile std::sig_atomic_t lineOpen = 0;  // the last line lacks its end
@@ -46,7 +47,7 @@ bool find_room() noexcept {
 // next one begins.
 bool write_out(std::string_view text) noexcept {
   while (!text.empty()) {
-    if (intoNull == 0 && !find_room()) return false;
+    if (silent != 0 || (intoNull == 0 && !find_room())) return false;
     const bool fits = text.size() <= kTerminalRoom || ::isatty(STDOUT_FILENO) == 0;
     const std::sig_atomic_t outer = writing;  // a signal's line may come in between
     writing = 1;
@@ -106,6 +107,8 @@ void write_trace(std::string_view text) noexcept {
 }
 
 void trace_into_null() noexcept { intoNull = 1; }
+
+void silence_traces() noexcept { silent = 1; }
 
 bool trace_is_written() noexcept { return writing != 0; }
 

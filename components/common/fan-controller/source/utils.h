@@ -78,6 +78,9 @@ void write_trace(std::string_view text) noexcept;
 /// Tells that standard output is /dev/null: no line has to look for room any more.
 void trace_into_null() noexcept;
 
+/// No trace line is written any more: standard output is for something else.
+void silence_traces() noexcept;
+
 /// True while a line is being handed over: a SIGPIPE that arrives now tells only that the reader of
 /// the trace has gone away.
 bool trace_is_written() noexcept;
