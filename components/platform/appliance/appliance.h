@@ -7,11 +7,17 @@
 //   APPLIANCE_EPOCH  what time() returns at the start; the real time at first use by default
 //   APPLIANCE_SPEED  simulated seconds per real second of waiting; 0 or unset: waits take no time
 //
-//   <root>/journal   what happened: `<seconds since start> <kind> <text>`, one event a line
+//   <root>/journal   what happened: `<seconds since start> <kind> <text>`, one event a line. The
+//                    first one, `preload`, tells that the simulation stands before the program.
+//   <root>/outside   in the same form, what the program opened for writing, made, renamed or
+//                    removed outside the root (/dev/null apart): there should be none
 //   <root>/timeline  what shall happen while the program waits, in ascending order of seconds:
 //                    `<seconds> write <path> <text>`, `<seconds> remove <path>`,
 //                    `<seconds> mode <path> <octal>`, `<seconds> signal <NAME>`
-//   <root>/select    a number: what select() returns at once, with no descriptor marked
+//   <root>/select    a number: what the next select() returns at once, with no descriptor marked;
+//                    the file is gone then
+//   <root>/fork      a signal's name: what the child of the next fork() gets at once; the file is
+//                    gone then
 //   <root>/dev/sdX   a disk: the line `# disk`, then lines of `name=value` (see disks.cpp)
 //
 // Time is that of the main thread. Another thread (a fuzzer's watchdog) waits for real.

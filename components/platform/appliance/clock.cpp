@@ -27,7 +27,7 @@ constexpr Microseconds kSecond = 1'000'000;
 constexpr Microseconds kEndOfTime = std::numeric_limits<Microseconds>::max();
 constexpr Microseconds kLongestNap = 3600 * kSecond;  // of real waiting, keeps a timeval small
 constexpr std::size_t kTimelineMax = std::size_t{256} * 1024;
-constexpr std::size_t kNumberMax = 32;
+constexpr std::size_t kScriptMax = 32;
 constexpr mode_t kFileMode = 0644;
 constexpr int kOctal = 8;
 constexpr int kDecimal = 10;
@@ -175,15 +175,21 @@ bool runsHandler(int number) {
          sigismember(&blocked, number) == 0;
 }
 
+// 0 for a name that is not known.
+int signalNumber(std::string_view name) {
+  for (const auto& signal : kSignals) {
+    if (signal.name == name) return signal.number;
+  }
+  return 0;
+}
+
 // Makes an event happen; true when it ends the wait.
 bool happen(const Event& event) {
-  if (event.action == "signal") {
-    for (const auto& signal : kSignals) {
-      if (signal.name != event.object) continue;
-      const bool ends = runsHandler(signal.number);
-      raise(signal.number);
-      return ends;
-    }
+  const int number = event.action == "signal" ? signalNumber(event.object) : 0;
+  if (number != 0) {
+    const bool ends = runsHandler(number);
+    raise(number);
+    return ends;
   }
   if (!changeFile(event)) record("timeline", "failed: %s", event.line.c_str());
   return false;
@@ -207,6 +213,14 @@ Wait wait(Microseconds length) {
   }
   if (!interrupted) interrupted = !passUntil(deadline);
   return {std::max(deadline - clock.elapsed, Microseconds{0}), interrupted};
+}
+
+// What a file below the root says about the next call of a function; it is gone then.
+std::string takeFile(const char* name) {
+  const std::string path = root() + std::string(name);
+  const std::string text = readFile(path, kScriptMax);
+  if (!text.empty()) unlinkat(AT_FDCWD, path.c_str(), 0);
+  return text;
 }
 
 // The three sets of a select call.
@@ -233,7 +247,7 @@ int simulatedSelect(int count, const Sets& sets, timeval& timeout) {
     return -1;
   }
 
-  const std::string scripted = readFile(std::string(root()) + "/select", kNumberMax);
+  const std::string scripted = takeFile("/select");
   if (!scripted.empty()) {
     sets.clear();
     const auto result = static_cast<int>(std::strtol(scripted.c_str(), nullptr, kDecimal));
@@ -310,6 +324,16 @@ APPLIANCE_INTERPOSED int select(int count, fd_set* readable, fd_set* writable, f
     return realSelect()(count, readable, writable, exceptional, timeout);
   }
   return simulatedSelect(count, {{readable, writable, exceptional}}, *timeout);
+}
+
+// A signal may come before the child's first instruction.
+APPLIANCE_INTERPOSED pid_t fork() noexcept {
+  static auto* const real = next<pid_t()>("fork");
+  const pid_t child = real();
+  if (child != 0 || root() == nullptr) return child;
+  const int number = signalNumber(takeFile("/fork"));
+  if (number != 0) raise(number);
+  return child;
 }
 
 // What programs with 64-bit time call on a 32-bit machine.

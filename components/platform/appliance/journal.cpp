@@ -40,9 +40,9 @@ std::size_t escape(unsigned char byte, char* to) {
 }
 
 // No memory from the heap: the program may log in a signal handler.
-void write(const char* kind, const char* text) {
+void write(const char* kind, const char* text, const char* name = "/journal") {
   PathBuffer buffer;
-  const char* const path = root() == nullptr ? nullptr : belowRoot("/journal", buffer);
+  const char* const path = root() == nullptr ? nullptr : belowRoot(name, buffer);
   if (path == nullptr) return;
 
   char line[kHeadMax + kTextMax * kEscapeMax + 1];
@@ -80,6 +80,17 @@ void record(const char* kind, const char* format, ...) {
   va_end(arguments);
   write(kind, text);
   errno = cause;
+}
+
+void recordOutside(const char* path) {
+  const int cause = errno;
+  write("outside", path, "/outside");
+  errno = cause;
+}
+
+// Whoever starts a program can see in its journal that the simulation stands before it.
+__attribute__((constructor)) static void recordPresence() {
+  record("preload", "%s", program_invocation_short_name);
 }
 
 }  // namespace appliance

@@ -3,14 +3,21 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <system_error>
 
 #include "appliance.h"
 
 namespace fs = std::filesystem;
 
-Appliance::Appliance() : m_root(fs::temp_directory_path() / "appliance-XXXXXX") {
+// The dynamic linker takes LD_PRELOAD apart at blanks and colons and replaces what follows a dollar
+// sign; a library in this folder can be named there.
+static fs::path folder_for_roots() {
+  constexpr char kSafe[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._+-";
+  const fs::path folder = fs::temp_directory_path();
+  return folder.native().find_first_not_of(kSafe) == std::string::npos ? folder : "/tmp";
+}
+
+Appliance::Appliance() : m_root(folder_for_roots() / "appliance-XXXXXX") {
   if (mkdtemp(m_root.data()) == nullptr) std::abort();
   for (const char* folder : {"/var/run", "/var/tmp", "/dev", "/sys", "/proc", "/etc"}) {
     fs::create_directories(at(folder));
@@ -28,8 +35,13 @@ Appliance::~Appliance() {
 }
 
 std::string Appliance::read(const std::string& path) const {
+  std::error_code missing;
+  const auto size = fs::file_size(at(path), missing);
+  std::string text(missing ? 0 : static_cast<std::size_t>(size), '\0');
   std::ifstream file(at(path), std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
+  file.read(text.data(), static_cast<std::streamsize>(text.size()));
+  text.resize(static_cast<std::size_t>(file.gcount()));
+  return text;
 }
 
 void Appliance::write(const std::string& path, const std::string& text) const {

@@ -7,7 +7,8 @@
 #include <vector>
 
 // A fresh folder that this program's absolute paths are sent to, and a clock at 0, for as long as
-// the object lives. Children that are started meanwhile find the same appliance.
+// the object lives. Children that are started meanwhile find the same appliance. The folder's path
+// can be used in LD_PRELOAD, whatever the folder for temporary files is called.
 class Appliance {
  public:
   Appliance();
@@ -17,6 +18,7 @@ class Appliance {
 
   // Where one of the appliance's paths really lies.
   std::string at(const std::string& path) const { return m_root + path; }
+  // What a plain file holds at this moment; a program may go on writing to it. Empty without one.
   std::string read(const std::string& path) const;
   bool exists(const std::string& path) const { return std::filesystem::exists(at(path)); }
   void remove(const std::string& path) const { std::filesystem::remove(at(path)); }

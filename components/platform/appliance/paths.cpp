@@ -39,14 +39,25 @@ std::string_view rootWithoutSlash() {
   return folder;
 }
 
+// Whether a program may change what the path names without leaving a trace outside the root.
+bool isHarmless(std::string_view path) {
+  return path.empty() || liesBelow(path, rootWithoutSlash()) || path == "/dev/null";
+}
+
+enum class Use { kLook, kChange };
+
 // A caller's path and where it leads: `real` is the caller's own pointer when the path is not the
-// appliance's.
+// appliance's. A path outside the root that is to be changed is noted.
 struct Route {
-  explicit Route(const char* path) : real(path) {
-    if (path == nullptr || root() == nullptr || !isOfAppliance(path)) return;
-    real = belowRoot(path, buffer);
-    redirected = real == buffer;
-    tooLong = real == nullptr;  // errno says so
+  explicit Route(const char* path, Use use) : real(path) {
+    if (path == nullptr || root() == nullptr) return;
+    if (isOfAppliance(path)) {
+      real = belowRoot(path, buffer);
+      redirected = real == buffer;
+      tooLong = real == nullptr;  // errno says so
+    } else if (use == Use::kChange && !isHarmless(path)) {
+      recordOutside(path);
+    }
   }
 
   // Whether the owner's permission bits allow the access. The kernel does not ask them for root,
@@ -55,7 +66,8 @@ struct Route {
   bool permits(mode_t needed, bool followLink) const {
     struct stat64 status;
     const int flags = followLink ? 0 : AT_SYMLINK_NOFOLLOW;
-    if (!redirected || fstatat64(AT_FDCWD, real, &status, flags) != 0) return true;
+    if (!redirected || needed == 0) return true;
+    if (fstatat64(AT_FDCWD, real, &status, flags) != 0) return true;
     if ((status.st_mode & needed) == needed) return true;
     errno = EACCES;
     return false;
@@ -83,13 +95,22 @@ mode_t neededBits(const char* mode) {
   return mode[0] == 'r' ? S_IRUSR : S_IWUSR;
 }
 
+mode_t bitsAskedFor(int access) {
+  mode_t bits = 0;
+  if ((access & R_OK) != 0) bits |= S_IRUSR;
+  if ((access & W_OK) != 0) bits |= S_IWUSR;
+  if ((access & X_OK) != 0) bits |= S_IXUSR;
+  return bits;
+}
+
 bool takesMode(int flags) { return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE; }
 
 using Open = int(const char*, int, ...);
 using Fopen = FILE*(const char*, const char*);
 
 int openRouted(Open* real, const char* path, int flags, mode_t mode) {
-  const Route route(path);
+  const bool changes = (flags & (O_ACCMODE | O_CREAT | O_TRUNC)) != O_RDONLY;
+  const Route route(path, changes ? Use::kChange : Use::kLook);
   if (route.tooLong) return -1;
   // An existing file is no matter of permission for who insists on a new one, nor for O_PATH.
   const bool insistsOnNew = (flags & (O_CREAT | O_EXCL)) == (O_CREAT | O_EXCL);
@@ -101,7 +122,7 @@ int openRouted(Open* real, const char* path, int flags, mode_t mode) {
 }
 
 FILE* fopenRouted(Fopen* real, const char* path, const char* mode) {
-  const Route route(path);
+  const Route route(path, (neededBits(mode) & S_IWUSR) != 0 ? Use::kChange : Use::kLook);
   if (route.tooLong) return nullptr;
   if (std::strchr(mode, 'x') == nullptr && !route.permits(neededBits(mode), true)) return nullptr;
   return real(route.real, mode);
@@ -147,20 +168,19 @@ std::string_view cut(std::string_view& text, char delimiter) {
 
 }  // namespace appliance
 
-using appliance::next;
-using appliance::Route;
+using namespace appliance;
 
 #define APPLIANCE_OPEN(name)                                        \
   APPLIANCE_INTERPOSED int name(const char* path, int flags, ...) { \
-    static auto* const real = next<appliance::Open>(#name);         \
+    static auto* const real = next<Open>(#name);                    \
     mode_t mode = 0;                                                \
-    if (appliance::takesMode(flags)) {                              \
+    if (takesMode(flags)) {                                         \
       va_list arguments;                                            \
       va_start(arguments, flags);                                   \
       mode = va_arg(arguments, mode_t);                             \
       va_end(arguments);                                            \
     }                                                               \
-    return appliance::openRouted(real, path, flags, mode);          \
+    return openRouted(real, path, flags, mode);                     \
   }
 
 APPLIANCE_OPEN(open)
@@ -171,36 +191,74 @@ APPLIANCE_INTERPOSED int __open_2(const char* path, int flags) { return open(pat
 APPLIANCE_INTERPOSED int __open64_2(const char* path, int flags) { return open64(path, flags); }
 
 APPLIANCE_INTERPOSED FILE* fopen(const char* path, const char* mode) {
-  static auto* const real = next<appliance::Fopen>("fopen");
-  return appliance::fopenRouted(real, path, mode);
+  static auto* const real = next<Fopen>("fopen");
+  return fopenRouted(real, path, mode);
 }
 
 APPLIANCE_INTERPOSED FILE* fopen64(const char* path, const char* mode) {
-  static auto* const real = next<appliance::Fopen>("fopen64");
-  return appliance::fopenRouted(real, path, mode);
+  static auto* const real = next<Fopen>("fopen64");
+  return fopenRouted(real, path, mode);
 }
 
 APPLIANCE_INTERPOSED DIR* opendir(const char* path) {
   static auto* const real = next<DIR*(const char*)>("opendir");
-  const Route route(path);
+  const Route route(path, Use::kLook);
   if (route.tooLong) return nullptr;
   return route.permits(S_IRUSR, true) ? real(route.real) : nullptr;
 }
 
-APPLIANCE_INTERPOSED int unlink(const char* path) noexcept {
-  static auto* const real = next<int(const char*)>("unlink");
-  const Route route(path);
-  return route.tooLong ? -1 : real(route.real);
+// A function that takes a `path`: the permission bits that it asks for, its parameters, and the
+// arguments to hand on.
+#define APPLIANCE_PATH(name, use, bits, parameters, ...)        \
+  APPLIANCE_INTERPOSED int name parameters noexcept {           \
+    static auto* const real = next<int parameters>(#name);      \
+    const Route route(path, Use::use);                          \
+    if (route.tooLong || !route.permits(bits, true)) return -1; \
+    return real(__VA_ARGS__);                                   \
+  }
+
+APPLIANCE_PATH(unlink, kChange, 0, (const char* path), route.real)
+APPLIANCE_PATH(remove, kChange, 0, (const char* path), route.real)
+APPLIANCE_PATH(rmdir, kChange, 0, (const char* path), route.real)
+APPLIANCE_PATH(mkdir, kChange, 0, (const char* path, mode_t mode), route.real, mode)
+APPLIANCE_PATH(access, kLook, bitsAskedFor(mode), (const char* path, int mode), route.real, mode)
+APPLIANCE_PATH(faccessat, kLook, bitsAskedFor(mode),
+               (int folder, const char* path, int mode, int flags), folder, route.real, mode, flags)
+
+#define APPLIANCE_STAT(name, Status) \
+  APPLIANCE_PATH(name, kLook, 0, (const char* path, Status* status), route.real, status)
+#define APPLIANCE_STATAT(name, Status)                                                      \
+  APPLIANCE_PATH(name, kLook, 0, (int folder, const char* path, Status* status, int flags), \
+                 folder, route.real, status, flags)
+
+APPLIANCE_STAT(stat, struct stat)
+APPLIANCE_STAT(lstat, struct stat)
+APPLIANCE_STATAT(fstatat, struct stat)
+APPLIANCE_STAT(stat64, struct stat64)
+APPLIANCE_STAT(lstat64, struct stat64)
+APPLIANCE_STATAT(fstatat64, struct stat64)
+
+// What programs with 64-bit time call on a 32-bit machine.
+#if __TIMESIZE == 32
+APPLIANCE_STAT(__stat64_time64, void)
+APPLIANCE_STAT(__lstat64_time64, void)
+APPLIANCE_STATAT(__fstatat64_time64, void)
+#endif
+
+APPLIANCE_INTERPOSED int rename(const char* from, const char* to) noexcept {
+  static auto* const real = next<int(const char*, const char*)>("rename");
+  const Route source(from, Use::kChange);
+  const Route target(to, Use::kChange);
+  return source.tooLong || target.tooLong ? -1 : real(source.real, target.real);
 }
 
-APPLIANCE_INTERPOSED int remove(const char* path) noexcept {
-  static auto* const real = next<int(const char*)>("remove");
-  const Route route(path);
-  return route.tooLong ? -1 : real(route.real);
-}
-
-APPLIANCE_INTERPOSED int mkdir(const char* path, mode_t mode) noexcept {
-  static auto* const real = next<int(const char*, mode_t)>("mkdir");
-  const Route route(path);
-  return route.tooLong ? -1 : real(route.real, mode);
+APPLIANCE_INTERPOSED char* mkdtemp(char* path) noexcept {
+  static auto* const real = next<char*(char*)>("mkdtemp");
+  Route route(path, Use::kChange);
+  if (route.tooLong) return nullptr;
+  if (!route.redirected) return real(path);
+  if (real(route.buffer) == nullptr) return nullptr;
+  const std::size_t length = std::strlen(path);
+  std::memcpy(path, route.buffer + std::strlen(route.buffer) - length, length);
+  return path;
 }

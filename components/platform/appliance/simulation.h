@@ -38,6 +38,9 @@ std::string_view cut(std::string_view& text, char delimiter);
 // Adds a formatted line to the journal; see appliance_note.
 void record(const char* kind, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
+// Adds the path of something that the program changes outside the root to <root>/outside.
+void recordOutside(const char* path);
+
 }  // namespace appliance
 
 #endif

@@ -3,14 +3,15 @@
 #include <regex>
 #include <utility>
 
-#include "house.h"
+#include "fixtures.h"
 #include "utils.h"
 
 using namespace std::string_literals;
+namespace fs = std::filesystem;
 using Table = std::map<int, int>;
 
 TEST_CASE("the first line of an attribute, without its last byte") {
-  const Appliance appliance;
+  const TestAppliance appliance;
   const auto attribute = [](const std::string& path) {
     const auto value = sysfs_read_attr(path.c_str());
     return value ? std::string(value.get()) : "nothing";
@@ -31,43 +32,59 @@ TEST_CASE("the first line of an attribute, without its last byte") {
   for (const char* path : {"", "/sys", "/sys/none"}) CHECK(attribute(path) == "nothing");
 }
 
+namespace {
+
+struct Settings {
+  std::string pidFile = PID_FILE, driver = {}, alarm = {}, status = {}, sensor = {};
+  int period = 180, critical = 65;
+  bool hysteresis = false;
+};
+
+}  // namespace
+
+static void reads(const std::string& file, const Settings& expected) {
+  CAPTURE(file);
+  const TestAppliance appliance;
+  appliance.config(file, "");
+  FanController controller(CONFIG + "/");
+  CHECK(controller.loadConfig());
+  CHECK(controller.m_pidFile == expected.pidFile);
+  CHECK(controller.m_fanDriverSysfsDir == expected.driver);
+  CHECK(controller.m_fanAlarmPath == expected.alarm);
+  CHECK(controller.m_periodInSec == expected.period);
+  CHECK(controller.m_dumpInfoFile == expected.status);
+  CHECK(controller.m_useHysteresis == expected.hysteresis);
+  CHECK(controller.m_hddCriticalTemp == expected.critical);
+  CHECK(controller.m_tempSensorPath == expected.sensor);
+}
+
 TEST_CASE("settings") {
-  const Appliance appliance;
-  const auto settings = [&](const std::string& file) {
-    appliance.config(file, "");
-    FanController c(CONFIG + "/");
-    CHECK(c.loadConfig());
-    return join({c.m_pidFile, "|", c.m_fanDriverSysfsDir, "|", c.m_fanAlarmPath, "|",
-                 c.m_periodInSec, "|", c.m_dumpInfoFile, "|", int{c.m_useHysteresis}, "|",
-                 c.m_hddCriticalTemp, "|", c.m_tempSensorPath});
-  };
-  const std::string defaults = "|||180||0|65|", long5000(5000, 'p');
-  CHECK(
-      settings("# only\n\n   \n  #pid_file=/x\n#pid_file=/x\nnonsense\n=5\nx=y=z\nPID_FILE=/x\n") ==
-      PID_FILE + defaults);
-  CHECK(settings("pid_file = /x.pid  \ndump_info_to_file=/a\ndump_info_to_file=\n") ==
-        " /x.pid" + defaults);
-  CHECK(settings("fan_driver_sysfs_dir=/d=e\nfan_driver_sysfs_alarm=/a\ndump_info_to_file=/s\n"
-                 "temp_sensor_sysfs_entry=/t") == PID_FILE + "|/d=e|/a|180|/s|0|65|/t");
-  CHECK(settings(
-            "period_in_sec = 60s\nhdd_critical_temperature=50\nhdd_critical_temperature=\t-7x\n") ==
-        PID_FILE + "|||60||0|-7|");
-  CHECK(settings("period_in_sec=9999999999999\nhdd_critical_temperature=-99999999999999999999\n") ==
-        PID_FILE + "|||2147483647||0|-2147483648|");
-  CHECK(settings("use_hysteresis=yes  \nuse_hysteresis=no\n") == PID_FILE + "|||180||1|65|");
-  CHECK(settings("use_hysteresis=Yes\nuse_hysteresis= yes\nuse_hysteresis=yes\r\n") ==
-        PID_FILE + defaults);
-  CHECK(settings("pid_file=" + long5000) == long5000 + defaults);
-  appliance.config("use_hysteresis=maybe\ntemp_sensor_sysfs_entry=/t\n", "");
+  const std::string long5000(5000, 'p');
+  reads("# only\n\n   \n  #pid_file=/x\n#pid_file=/x\nnonsense\n=5\nx=y=z\nPID_FILE=/x\n", {});
+  reads("pid_file = /x.pid  \ndump_info_to_file=/a\ndump_info_to_file=\n", {.pidFile = " /x.pid"});
+  reads(
+      "fan_driver_sysfs_dir=/d=e\nfan_driver_sysfs_alarm=/a\ndump_info_to_file=/s\n"
+      "temp_sensor_sysfs_entry=/t",
+      {.driver = "/d=e", .alarm = "/a", .status = "/s", .sensor = "/t"});
+  reads("period_in_sec = 60s\nhdd_critical_temperature=50\nhdd_critical_temperature=\t-7x\n",
+        {.period = 60, .critical = -7});
+  reads("period_in_sec=9999999999999\nhdd_critical_temperature=-99999999999999999999\n",
+        {.period = INT_MAX, .critical = INT_MIN});
+  reads("use_hysteresis=yes  \nuse_hysteresis=no\n", {.hysteresis = true});
+  reads("use_hysteresis=Yes\nuse_hysteresis= yes\nuse_hysteresis=yes\r\n", {});
+  reads("pid_file=" + long5000, {.pidFile = long5000});
+  const TestAppliance appliance;
+  appliance.config("use_hysteresis=maybe\ntemp_sensor_sysfs_entry=" + long5000, "");
   const std::string prefix = "fan-ctrl.cpp:loadConfig ";
   CHECK(traced([] { FanController(CONFIG).loadConfig(); })
-            .starts_with(
-                prefix + "configfile /etc/fan_controller/fan_controller.conf has been opened\n" +
-                prefix + "use_hysteresis : maybe\n" + prefix + "temp_sensor_sysfs_entry: /t\n"));
+            .starts_with(prefix +
+                         "configfile /etc/fan_controller/fan_controller.conf has been opened\n" +
+                         prefix + "use_hysteresis : maybe\n" + prefix +
+                         "temp_sensor_sysfs_entry: " + long5000 + "\nfan-ctrl.cpp:~"));
 }
 
 TEST_CASE("teardown") {
-  const Appliance appliance;
+  const TestAppliance appliance;
   const std::string trace = traced([] {
     FanController controller(CONFIG);
     controller.m_curCmd = std::make_unique<CurCmd>();
@@ -80,7 +97,7 @@ TEST_CASE("teardown") {
 }
 
 TEST_CASE("command table") {
-  const Appliance appliance;
+  const TestAppliance appliance;
   const auto table = [&](const std::string& file) {
     appliance.write(CONFIG + "/fan_cmd_tab.conf", file);
     FanController controller(CONFIG);
@@ -96,13 +113,12 @@ TEST_CASE("command table") {
 }
 
 TEST_CASE("a command reaches the driver once, as a record of 32 bytes") {
-  const std::pair<std::string, bool> cases[] = {
-      {SENSOR, true}, {"", false}, {"/sys/none/pwm1", false}, {"/dev/full", true}};
-  for (const auto& each : cases) {
-    const std::string& path = each.first;
+  for (const std::string& path : {SENSOR, ""s, "/sys/none/pwm1"s, "/sys/full"s}) {
     CAPTURE(path);
-    const Appliance appliance;
+    const bool reached = path == SENSOR || path == "/sys/full";
+    const TestAppliance appliance;
     appliance.write(SENSOR, std::string(40, '9'));
+    fs::create_symlink("/dev/full", appliance.at("/sys/full"));
     CurCmd command(path);
     const auto set = [&](int value) {
       command.set_cur_cmd_val(value);
@@ -110,71 +126,94 @@ TEST_CASE("a command reaches the driver once, as a record of 32 bytes") {
     };
     const auto changed = [&](const std::string& from, const std::string& to) {
       return Lines{"syslog 6 m_currentCmd " + from, "syslog 4 updating m_currentCmd to val " + to} +
-             (each.second ? Lines{"syslog 6 Send new value to fan " + to} : Lines{});
+             (reached ? Lines{"syslog 6 Send new value to fan " + to} : Lines{});
     };
     CHECK(set(-1) == Lines{"syslog 6 m_currentCmd -1"});
     CHECK(set(INT_MIN) == changed("-1", "-2147483648"));
     CHECK(set(150) == changed("-2147483648", "150"));
     if (path == SENSOR) CHECK(appliance.read(SENSOR) == std::string("150").append(29, '\0'));
     CHECK(set(150) == Lines{"syslog 6 m_currentCmd 150"});
+    CHECK(command.sendCommandToDriver(7, path.c_str()) == (reached ? 1 : 0));
   }
 }
 
-// One selection with what it is based on, the command and the alert that follow, and the end of
-// what is traced, without its prefix.
-static void selects(const Table& table, int last, int temperature, int command, int alert,
-                    const std::string& trace = "", int critical = 65, bool hysteresis = false,
-                    int previous = 0) {
-  CAPTURE(temperature);
-  CAPTURE(previous);
-  Bench bench;
-  bench.m_valueMap = table;
-  bench.m_useHysteresis = hysteresis;
-  bench.m_hddCriticalTemp = critical;
-  bench.m_lastTempAlert = last;
-  bench.m_currentTemp = temperature;
-  bench.m_previousTemp = previous;
-  const std::string text = traced([&] { CHECK(bench.processCmd()); });
-  CHECK(std::regex_replace(text, std::regex("fan-ctrl.cpp:processCmd "), "").ends_with(trace));
-  CHECK(bench.m_curCmd->m_currentCmd == command);
-  CHECK(bench.m_lastTempAlert == (alert == ALERT_UNKNOWN ? last : alert));
-  CHECK(bench.journal({"corvane"}).empty() == (alert == ALERT_UNKNOWN));
-}
+namespace {
+
+constexpr int N = ALERT_TEMP_NORMAL, H = ALERT_TEMP_HIGH, C = ALERT_TEMP_CRITICAL;
+constexpr int U = ALERT_UNKNOWN;
+
+// What a choice is based on, the command and the alert that follow, and the end of what is
+// traced, without its prefix.
+struct Choice {
+  Table table = {{30, 100}, {40, 150}, {50, 200}, {55, 255}};
+  int last = N, critical = 65;
+  int before = 0;  // by hysteresis, if given
+  int now = 0, command = 0, alert = U;
+  std::string trace = {};
+};
+
+}  // namespace
 
 TEST_CASE("selection") {
-  const Table usual = {{30, 100}, {40, 150}, {50, 200}, {55, 255}};
   const Table none, extreme = {{INT_MIN, 1}, {INT_MAX, 2}};
-  const int N = ALERT_TEMP_NORMAL, H = ALERT_TEMP_HIGH, C = ALERT_TEMP_CRITICAL, U = ALERT_UNKNOWN;
-  // At and below the table, between its steps, at its end.
-  selects(usual, H, -20, 100, N);
-  selects(usual, N, 30, 100, U, "temp = 30\n take min step of values tab i.e. \ntHigh 55\n");
-  selects(usual, N, 35, 100, U, "diffSup 5\n35 choose lower limit 30\n");
-  selects(usual, U, 36, 150, N,
-          "m_valueMapIt->first 40\nm_currentTemp 36\nm_valueMapIt->first 30\n"
-          "diffInf 6\ndiffSup 4\n36 choose upper limit 40\n");
-  selects(usual, C, 54, 255, N);
-  selects(usual, H, 55, 255, U);
-  selects(usual, N, 55, 255, U);
-  // Above the table; critical on every reading.
-  selects(usual, N, 56, 255, H);
-  selects(usual, H, 65, 255, U, "temp = 65\ntHigh 55\n take max step of values tab i.e. \n");
-  selects(usual, C, 65, 255, H);
-  selects(usual, C, 66, 255, C);
-  selects(usual, N, 50, 200, U, "", 40);
-  selects(usual, N, 56, 255, C, "", 40);
-  // Hysteresis.
-  selects(usual, N, 42, 200, U, "5\n42: choose upper limit 5040\n previous temp value was 40\n", 65,
-          true, 40);
-  selects(usual, N, 42, 150, U, "5\n42: choose lower limit 40\n previous temp value was 45\n", 65,
-          true, 45);
-  selects(usual, N, 42, 200, U, "", 65, true, 42);
-  selects(usual, N, 50, 150, U, "", 65, true, 52);
-  // Short tables, and one that spans all integers.
-  selects({{40, 7}}, H, 39, 7, N);
-  selects(none, H, 0, 0, U);
-  selects(none, N, 1, 0, H);
-  selects(extreme, N, 0, 2, U);
-  selects(extreme, N, -1, 1, U);
+  const Choice choices[] = {
+      // At and below the table, between its steps, at its end.
+      {.last = H, .now = -20, .command = 100, .alert = N},
+      {.now = 30, .command = 100, .trace = " take min step of values tab i.e. \ntHigh 55\n"},
+      {.now = 35, .command = 100, .trace = "diffSup 5\n35 choose lower limit 30\n"},
+      {.last = U,
+       .now = 36,
+       .command = 150,
+       .alert = N,
+       .trace = "m_valueMapIt->first 40\nm_currentTemp 36\nm_valueMapIt->first 30\n"
+                "diffInf 6\ndiffSup 4\n36 choose upper limit 40\n"},
+      {.last = C, .now = 54, .command = 255, .alert = N},
+      {.last = H, .now = 55, .command = 255},
+      {.now = 55, .command = 255},
+      // Above the table; critical on every reading.
+      {.now = 56, .command = 255, .alert = H},
+      {.last = H,
+       .now = 65,
+       .command = 255,
+       .trace = "temp = 65\ntHigh 55\n take max step of values tab i.e. \n"},
+      {.last = C, .now = 65, .command = 255, .alert = H},
+      {.last = C, .now = 66, .command = 255, .alert = C},
+      {.critical = 40, .now = 50, .command = 200},
+      {.critical = 40, .now = 56, .command = 255, .alert = C},
+      {.before = 40,
+       .now = 42,
+       .command = 200,
+       .trace = "5\n42: choose upper limit 5040\n previous temp value was 40\n"},
+      {.before = 45,
+       .now = 42,
+       .command = 150,
+       .trace = "5\n42: choose lower limit 40\n previous temp value was 45\n"},
+      {.before = 42, .now = 42, .command = 200},
+      {.before = 52, .now = 50, .command = 150},
+      // Short tables, and one that spans all integers.
+      {.table = {{40, 7}}, .last = H, .now = 39, .command = 7, .alert = N},
+      {.table = none, .last = H},
+      {.table = none, .now = 1, .alert = H},
+      {.table = extreme, .command = 2},
+      {.table = extreme, .now = -1, .command = 1},
+  };
+  for (const Choice& each : choices) {
+    CAPTURE(each.now);
+    CAPTURE(each.before);
+    Bench bench;
+    bench.m_valueMap = each.table;
+    bench.m_useHysteresis = each.before != 0;
+    bench.m_hddCriticalTemp = each.critical;
+    bench.m_lastTempAlert = each.last;
+    bench.m_currentTemp = each.now;
+    bench.m_previousTemp = each.before;
+    const std::string text = traced([&] { CHECK(bench.processCmd()); });
+    CHECK(
+        std::regex_replace(text, std::regex("fan-ctrl.cpp:processCmd "), "").ends_with(each.trace));
+    CHECK(bench.m_curCmd->m_currentCmd == each.command);
+    CHECK(bench.m_lastTempAlert == (each.alert == U ? each.last : each.alert));
+    CHECK(bench.journal({"corvane"}).empty() == (each.alert == U));
+  }
 }
 
 TEST_CASE("system temperature and its status file") {
@@ -186,7 +225,7 @@ TEST_CASE("system temperature and its status file") {
   bench.m_tempSensorPath = SENSOR;
   bench.m_dumpInfoFile = bench.at(STATUS);
   int previous = -1;
-  const auto reads = [&](const std::string& text, int temperature, const std::string& state) {
+  const auto measures = [&](const std::string& text, int temperature, const std::string& state) {
     CAPTURE(text);
     bench.write(SENSOR, text);
     const std::string trace = traced([&] { CHECK(bench.updateSysTemp() != -1); });
@@ -195,13 +234,13 @@ TEST_CASE("system temperature and its status file") {
     CHECK(bench.read(STATUS).ends_with("\nSystem Temp is " + state + " : " + number + "degC\n"));
     CHECK(std::exchange(previous, temperature) == bench.m_previousTemp);
   };
-  reads("54999\n", 54, "OK");
-  reads("55000\n", 55, "HOT");
-  reads("-1500\n", -1, "OK");
-  reads(" 52000 mC\n", 52, "OK");
-  reads("99999999999999\n", INT_MAX / 1000, "HOT");
+  measures("54999\n", 54, "OK");
+  measures("55000\n", 55, "HOT");
+  measures("-1500\n", -1, "OK");
+  measures(" 52000 mC\n", 52, "OK");
+  measures("99999999999999\n", INT_MAX / 1000, "HOT");
   bench.m_valueMap.clear();
-  reads("-999\n", 0, "HOT");
-  reads("warm\n", 0, "HOT");
+  measures("-999\n", 0, "HOT");
+  measures("warm\n", 0, "HOT");
   CHECK(contains(bench.read(STATUS), "\n# 0degC"));
 }

@@ -5,9 +5,8 @@
 #include <cstdlib>
 #include <utility>
 
-#include "house.h"
+#include "fixtures.h"
 #include "smart.h"
-#include "utils.h"
 
 using namespace std::string_literals;
 
@@ -16,61 +15,79 @@ const std::string kDiskA = "model=AB 1000 CD\nserial=      XY12345678901Z\n";
 const std::string kBlanks(20, ' ');
 using File = std::pair<std::string, std::string>;
 
-// What is found with one file other than the driver has them at first. attribute: of the command.
-static void discovers(FanDriverType type, const std::string& attribute, const File& file,
-                      const std::string& trace, const std::string& configuredAlarm = "",
-                      const std::string& alarm = FAN + "/fan1_alarm",
-                      const std::string& dir = FAN) {
-  CAPTURE(trace);
-  CAPTURE(file.first);
-  Bench bench;
-  bench.fan(FAN, type == FAN_DRIVER_GPIO);
-  bench.write(file.first, file.second);
-  bench.m_fanDriverSysfsDir = dir;
-  bench.m_fanAlarmPath = configuredAlarm;
-  const std::string text = traced([&] { bench.detectProductConfig(); });
-  CHECK(contains(text, trace));
-  CHECK(bench.m_fanDriverType == type);
-  CHECK(bench.m_curCmd->m_driverPath == attribute);
-  CHECK(bench.m_fanAlarmPath == alarm);
-  const std::string fanless =
-      "Unable to find appropriate fan entries in sysfs - consider a fanless product";
-  const std::string outcomes[] = {"4 " + fanless, "6 Match a fan driver GPIO interface",
-                                  "6 Match a fan driver I2C interface"};
-  CHECK(bench.journal({"syslog"}) == Lines{"syslog " + outcomes[type]});
-  CHECK(text.ends_with(fanless + "\n") == (type == FAN_DRIVER_NONE));
-}
+const std::string kPwm = FAN + "/pwm1", kTarget = FAN + "/fan1_target", kMode = kPwm + "_enable";
+const std::string kOwnAlarm = FAN + "/fan1_alarm", kOtherAlarm = "/sys/alarm";
+
+// What is found, and a part of the trace; the directory's own alarm in the end if nothing else is
+// said. One file is other than the driver has it at first.
+struct Discovery {
+  FanDriverType type = FAN_DRIVER_I2C;
+  File file = {kMode, "0\n"};
+  std::string directory = FAN, configured = {}, command = kPwm, alarm = kOwnAlarm, trace = {};
+};
 
 TEST_CASE("discovery") {
   const FanDriverType I2C = FAN_DRIVER_I2C, GPIO = FAN_DRIVER_GPIO, NONE = FAN_DRIVER_NONE;
-  const std::string pwm = FAN + "/pwm1", target = FAN + "/fan1_target", mode = pwm + "_enable";
-  const std::string own = FAN + "/fan1_alarm", other = "/sys/alarm", open = "mode is open-loop\n";
-  discovers(I2C, pwm, {mode, "0\n"}, open);
-  discovers(I2C, target, {mode, "2\n"}, "Fan mode is close-loop\n");
-  discovers(I2C, pwm, {mode, "02\n"}, open);
-  discovers(I2C, pwm, {mode, ""}, "Match a fan driver I2C interface\n");
-  discovers(GPIO, target, {mode, "2\n"}, "Match a fan driver GPIO interface\n");
-  discovers(NONE, "", {FAN + "/extra", ""}, "/sys/fan does not match with any", "", "");
-  discovers(NONE, "", {mode, ""}, "/sys/fan/pwm1does not exist or is", "", "", pwm);
-  discovers(I2C, pwm, {other, "0\n"}, open, other, other);
-  discovers(I2C, pwm, {other, ""}, open, other, own);
-  discovers(I2C, pwm, {own, ""}, open, other, other);
+  const std::string i2c = "Match a fan driver I2C interface";
+  const std::string gpio = "Match a fan driver GPIO interface", close = "Fan mode is close-loop\n";
+  const std::string fanless =
+      "Unable to find appropriate fan entries in sysfs - consider a fanless product";
+  const File other = {"/sys/alarm", "0\n"}, otherSilent = {"/sys/alarm", ""};
+  const File extra = {FAN + "/extra", ""}, ownSilent = {kOwnAlarm, ""};
+  const Discovery discoveries[] = {
+      {.trace = "mode is open-loop\n"},
+      {.file = {kMode, "2\n"}, .command = kTarget, .trace = close},
+      {.file = {kMode, "02\n"}, .trace = "mode is open-loop\n"},
+      {.file = {kMode, ""}, .trace = i2c + "\n"},
+      {.type = GPIO, .file = {kMode, "2\n"}, .command = kTarget, .trace = gpio},
+      {.type = NONE, .file = extra, .command = "", .alarm = "", .trace = FAN + " does not match w"},
+      {.type = NONE,
+       .directory = kPwm,
+       .command = "",
+       .alarm = "",
+       .trace = "pwm1does not exist or"},
+      // The alarm: configured, readable or not, or the driver's own, even if it is silent now.
+      {.file = other, .configured = other.first, .alarm = other.first},
+      {.file = otherSilent, .configured = other.first},
+      {.file = ownSilent, .configured = other.first, .alarm = other.first},
+      {.file = ownSilent},
+      {.type = GPIO, .file = ownSilent, .command = kTarget},
+  };
+  for (const Discovery& each : discoveries) {
+    CAPTURE(each.trace);
+    CAPTURE(each.file.first);
+    Bench bench;
+    bench.fan(FAN, each.type == GPIO);
+    bench.write(each.file.first, each.file.second);
+    bench.m_fanDriverSysfsDir = each.directory;
+    bench.m_fanAlarmPath = each.configured;
+    const std::string text = traced([&] { bench.detectProductConfig(); });
+    CHECK(contains(text, each.trace));
+    CHECK(bench.m_fanDriverType == each.type);
+    CHECK(bench.m_curCmd->m_driverPath == each.command);
+    CHECK(bench.m_fanAlarmPath == each.alarm);
+    const std::string outcome = each.type == I2C    ? "6 " + i2c
+                                : each.type == GPIO ? "6 " + gpio
+                                                    : "4 " + fanless;
+    CHECK(bench.journal({"syslog"}) == Lines{"syslog " + outcome});
+    CHECK(text.ends_with(fanless + "\n") == (each.type == NONE));
+  }
 }
 
 TEST_CASE("temperature and identity of one disk") {
   const auto disk = [](const std::string& description, int temperature, const std::string& identity,
                        const std::string& trace) {
     CAPTURE(description);
-    const Appliance appliance;
+    const TestAppliance appliance;
     // Attribute 194 in a 31st entry, which is none.
     std::string beyond(512, '\0');
     beyond[2 + 30 * 12] = '\xc2';
     beyond[2 + 30 * 12 + 5] = 40;
     appliance.write("/beyond", beyond);
     appliance.disk("sda", description);
-    const Descriptor sda(::open("/dev/sda", O_RDONLY));
-    CHECK(traced([&] { CHECK(get_smart_attr_value(sda.get()) == temperature); }) == trace);
-    CHECK(get_identify_data(sda.get()) == identity);
+    const Handle sda(::open("/dev/sda", O_RDONLY));
+    CHECK(traced([&] { CHECK(get_smart_attr_value(sda.number) == temperature); }) == trace);
+    CHECK(get_identify_data(sda.number) == identity);
   };
   const std::string entry = "c22200404028000f00320000", other = "0922006464ff000000000000";
   const std::string silent = "Model: \tSerial Nb : " + kBlanks, nuls(40, '\0');

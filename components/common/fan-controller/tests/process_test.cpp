@@ -1,8 +1,14 @@
 // The shipped binary on a simulated appliance, its waits on the simulated clock.
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
 #include <csignal>
 #include <cstdlib>
+#include <optional>
+#include <sstream>
 
-#include "house.h"
+#include "fixtures.h"
 
 namespace {
 
@@ -21,7 +27,7 @@ const std::string kSensor = "temp_sensor_sysfs_entry=" + SENSOR + "\n";
 const std::string kSettings = kDriver + kSensor;
 
 // A product with an I2C fan, a sensor and two disks.
-struct Product : Appliance {
+struct Product : TestAppliance {
   explicit Product(const std::string& timeline = "", const std::string& settings = kSettings,
                    const std::string& table = TABLE, bool gpio = false) {
     fan(FAN, gpio);
@@ -36,6 +42,11 @@ struct Product : Appliance {
   std::string command(const std::string& name = "pwm1") const {
     return read(FAN + "/" + name).c_str();
   }
+  // Whether the service gets to so many further waits.
+  bool waits(std::size_t count) const {
+    std::size_t seen = 0;
+    return eventually([&] { return (seen += journal({"select"}).size()) >= count; });
+  }
   // What a run of the service traces until it ends by itself.
   std::string run(const Lines& arguments = {"--verbose", "-c", CONFIG}) const {
     Service service(*this, arguments);
@@ -44,6 +55,10 @@ struct Product : Appliance {
     return read("/out");
   }
 };
+
+std::function<bool(const std::string&)> gets(const std::string& part) {
+  return [part](const std::string& text) { return contains(text, part); };
+}
 
 }  // namespace
 
@@ -144,60 +159,191 @@ TEST_CASE("a day of the service") {
   CHECK(product.read(PID_FILE) == pid + "\n");
 }
 
+namespace {
+
 // One kind of product: a part of what it traces, its last command, and the waits until SIGTERM.
-static void ends(const std::string& trace, const std::string& command, const Lines& waits,
-                 const std::string& settings, const std::string& table = TABLE,
-                 const std::string& mode = "0\n", const std::string& timeline = "3 signal TERM\n") {
-  CAPTURE(trace);
-  CAPTURE(settings);
-  const Product product(timeline, settings, table, contains(trace, "GPIO"));
-  product.write(FAN + "/pwm1_enable", mode);
-  CHECK(contains(product.run() + "(end)", trace));
-  CHECK(product.journal({"sleep", "select"}) == waits);
-  CHECK(product.command(mode == "2\n" ? "fan1_target" : "pwm1") == command);
-  CHECK(product.exists(PID_FILE) == (settings.empty() || table.empty()));
-}
+struct Kind {
+  std::string settings = kSettings, table = TABLE, mode = "0\n";
+  std::string timeline = "3 signal TERM\n";
+  std::string trace = {}, command = "150";
+  Lines waits = {"select 180 nfds=1"};
+};
+
+}  // namespace
 
 TEST_CASE("every kind of product, every kind of wait, ended by SIGTERM") {
-  const Lines select = {"select 180 nfds=1"}, counted(3, "sleep 1");
-  ends("I2C interface\n", "150", select, kSettings);
-  ends("close-loop\n", "150", select, kSettings, TABLE, "2\n");
-  ends("GPIO interface\n", "200", select, kDriver, TABLE, "2\n");
-  ends("TMAX = 47\n", "200", select, kDriver + "temp_sensor_sysfs_entry=/sys/none\n");
-  ends("SIGTERM detected\nfan-ctrl.cpp:endlessWatcher Exit now !!\n", "0\n", counted, kSensor);
-  ends("TMAX = 47\n", "0\n", counted, "#\n");
-  ends("endlessWatcher get down the fan to the minimum speed before exit\n", "100",
-       {"select 2 nfds=1", "sleep 1", "sleep 1", "sleep 1"}, kSettings + "period_in_sec=2\n", TABLE,
-       "0\n", "0 remove /sys/fan/fan1_alarm\n5 signal TERM\n");
-  ends("SIGTERM detected\n(end)", "0\n", Lines(2, "sleep 1"), "period_in_sec=2\n", TABLE, "0\n",
-       "2 signal TERM\n");
-  ends("raise alert\nfan-ctrl.cpp:getFanAlarm m_lastFanAlert 1\n", "150",
-       select + Lines{"sleep 10"}, kSettings, TABLE, "0\n",
-       "2 write /sys/fan/fan1_alarm 1\n3 signal TERM\n");
-  ends("SIGTERM detected\n(end)", "0\n", counted, "");
-  ends("SIGTERM detected\n(end)", "0\n", counted, kSettings, "");
+  const Lines counted(3, "sleep 1"), select = Kind().waits;
+  const std::string none = "0\n", stopped = "SIGTERM detected\n(end)", hottest = "TMAX = 47\n";
+  const std::string exits = "SIGTERM detected\nfan-ctrl.cpp:endlessWatcher Exit now !!\n";
+  const std::string often = kSettings + "period_in_sec=2\n";
+  const Kind kinds[] = {
+      {.trace = "I2C interface\n"},
+      {.mode = "2\n", .trace = "close-loop\n"},
+      {.settings = kDriver, .mode = "2\n", .trace = "GPIO interface\n", .command = "200"},
+      {.settings = kDriver + "temp_sensor_sysfs_entry=/no\n", .trace = hottest, .command = "200"},
+      {.settings = kSensor, .trace = exits, .command = none, .waits = counted},
+      {.settings = "#\n", .trace = hottest, .command = none, .waits = counted},
+      {.settings = often,
+       .timeline = "0 remove /sys/fan/fan1_alarm\n5 signal TERM\n",
+       .trace = "endlessWatcher get down the fan to the minimum speed before exit\n",
+       .command = "100",
+       .waits = Lines{"select 2 nfds=1"} + counted},
+      {.settings = "period_in_sec=3\n", .trace = stopped, .command = none, .waits = counted},
+      {.timeline = "2 write /sys/fan/fan1_alarm 1\n3 signal TERM\n",
+       .trace = "raise alert\nfan-ctrl.cpp:getFanAlarm m_lastFanAlert 1\n",
+       .waits = select + Lines{"sleep 10"}},
+      {.settings = "", .trace = stopped, .command = none, .waits = counted},
+      {.table = "", .trace = stopped, .command = none, .waits = counted},
+  };
+  for (const Kind& each : kinds) {
+    CAPTURE(each.trace);
+    CAPTURE(each.settings);
+    const Product product(each.timeline, each.settings, each.table, contains(each.trace, "GPIO"));
+    product.write(FAN + "/pwm1_enable", each.mode);
+    CHECK(contains(product.run() + "(end)", each.trace));
+    CHECK(product.journal({"sleep", "select"}) == each.waits);
+    CHECK(product.command(each.mode == "2\n" ? "fan1_target" : "pwm1") == each.command);
+    CHECK(product.exists(PID_FILE) == (each.settings.empty() || each.table.empty()));
+  }
 }
 
-TEST_CASE("a verbose run whose reader has gone away, or reads no more, goes on") {
-  for (const Reader reader : {Reader::kGone, Reader::kStalled}) {
-    // More lines than a pipe holds, then what has to be seen all the same.
-    const Product product("2000 write /sys/temp 60000\n2001 signal PIPE\n2003 signal TERM\n",
-                          kSettings + "period_in_sec=1\n");
-    Service service(product, {"--verbose", "-c", CONFIG}, reader);
+TEST_CASE("a signal while the service starts") {
+  for (const std::string name : {"TERM", "HUP"}) {
+    const Product product(name == "HUP" ? "9 signal TERM\n" : "");
+    product.write("/fork", name);
+    const std::string text = product.run();
+    CHECK(contains(text, "signal_handler SIG" + name + " detected\n"));
+    CHECK(product.journal({"select"}).empty() == (name == "TERM"));
+    CHECK_FALSE(product.exists(PID_FILE));
+  }
+}
+
+TEST_CASE("the service outlives the process that started it and led the terminal's session") {
+  for (int start = 0; start < 20; ++start) {
+    const Product product("3 signal TERM\n");
+    const Channel terminal(Channel::kTerminal);
+    Service service(product, {"-c", CONFIG}, -1, terminal.writer->number);
     CHECK(service.parentStatus == 0);
+    REQUIRE(service.wait_end() == 0);
+  }
+}
+
+TEST_CASE("a reader who reads at once gets every line, whatever signals arrive") {
+  std::string table, lines;
+  for (int step = 1; step <= 3000; ++step) {
+    const std::string number = std::to_string(step);
+    table += number + "=" + number + "\n";
+    lines += "fan-ctrl.cpp:endlessWatcher " + number + " => " + number + "\n";
+  }
+  for (const auto kind : {Channel::kPipe, Channel::kSocket, Channel::kTerminal}) {
+    CAPTURE(kind);
+    const Product product("", kSettings, table);
+    Channel channel(kind);
+    Service service(product, {"-o", "--verbose", "-c", CONFIG}, channel.writer->number);
+    channel.writer.reset();
+    const std::string text = received(channel.reader->number, [&](const std::string&) {
+      ::kill(service.daemon, SIGSYS);
+      return false;
+    });
     CHECK(service.wait_end() == 0);
-    CHECK(product.command() == "255");
-    CHECK(product.journal({"select"}).size() == 2003);
+    CHECK(contains(text, lines));
+  }
+}
+
+TEST_CASE("what was handed down as standard output stays as it was") {
+  for (const auto kind : {Channel::kPipe, Channel::kSocket, Channel::kTerminal}) {
+    CAPTURE(kind);
+    const Product product("20 signal TERM\n");
+    ::setenv("APPLIANCE_SPEED", "1", 1);
+    Channel channel(kind);
+    const int flags = ::fcntl(channel.writer->number, F_GETFL);
+    Service service(product, {"--verbose", "-c", CONFIG}, channel.writer->number);
+    REQUIRE(product.waits(1));
+    CHECK(::fcntl(channel.writer->number, F_GETFL) == flags);
+    timeval patience{};
+    socklen_t size = sizeof patience;
+    ::getsockopt(channel.writer->number, SOL_SOCKET, SO_SNDTIMEO, &patience, &size);
+    CHECK(patience.tv_sec + patience.tv_usec == 0);
+    channel.writer.reset();
+    ::kill(service.daemon, SIGPIPE);
+    const std::string signal = "main.cpp:signal_handler SIGPIPE detected\n";
+    CHECK(contains(received(channel.reader->number, gets(signal)), signal));
+    CHECK(service.wait_end(SIGTERM) == 0);
+  }
+}
+
+TEST_CASE("a fifo's reader may come late, go away and come back") {
+  const std::string cycle = "4 : m_lastFanAlert 1\n", signal = "SIGPIPE detected\n";
+  for (const int access : {O_RDWR, O_WRONLY}) {
+    CAPTURE(access);
+    const Product product("", kSettings + "period_in_sec=1\n");
+    const std::string out = product.at("/out");
+    REQUIRE(::mkfifo(out.c_str(), 0600) == 0);
+    std::optional<Handle> reader(::open(out.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    std::optional<Handle> writer(::open(out.c_str(), access | O_CLOEXEC));
+    if (access == O_RDWR) reader.reset();
+    Service service(product, {"--verbose", "-c", CONFIG}, writer->number);
+    writer.reset();
+    reader.reset();
+    REQUIRE(product.waits(9));
+    reader.emplace(::open(out.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const std::string text = received(reader->number, gets(cycle));
+    CHECK(contains(text, cycle));
+    CHECK(contains(text, "endlessWatcher pid = ") == (access == O_RDWR));
+    CHECK_FALSE(contains(text, signal));
+    ::kill(service.daemon, SIGPIPE);
+    CHECK(contains(received(reader->number, gets(signal)), signal));
+    reader.reset();
+    CHECK(service.wait_end(SIGTERM) == 0);
+  }
+}
+
+TEST_CASE("a reader who stops reading costs a second once, and whole lines") {
+  for (const auto kind : {Channel::kPipe, Channel::kTerminal}) {
+    CAPTURE(kind);
+    const Product product("", kSettings + "period_in_sec=1\n");
+    Channel channel(kind);
+    Service service(product, {"--verbose", "-c", CONFIG}, channel.writer->number);
+    channel.writer.reset();
+    REQUIRE(product.waits(600));  // three times what a pipe or a terminal holds
+    const auto isMore = [](const std::string& text) { return text.size() > 200'000; };
+    const std::string text = received(channel.reader->number, isMore);
+    channel.reader.reset();
+    CHECK(service.wait_end(SIGTERM) == 0);
+    CHECK(isMore(text));
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line) && !lines.eof();) {
+      const std::size_t name = line.find(".cpp:");
+      const bool whole = name <= 9 && name == line.rfind(".cpp:");
+      if (!whole) CHECK(line == "");
+    }
+  }
+}
+
+TEST_CASE("a pipe among the files of the hardware is no value, and holds nothing up") {
+  for (const std::string& pipe : {FAN + "/extra", std::string("/sys/alarm"), SENSOR}) {
+    for (const bool held : {false, true}) {
+      CAPTURE(pipe);
+      const Product product("3 signal TERM\n", kSettings + "fan_driver_sysfs_alarm=/sys/alarm\n");
+      product.write(FAN + "/fan1_alarm", "");  // an alarm that is a pipe is kept then
+      product.write("/sys/alarm", "0\n");
+      product.remove(pipe);
+      REQUIRE(::mkfifo(product.at(pipe).c_str(), 0600) == 0);
+      const Handle writer(held ? ::open(product.at(pipe).c_str(), O_RDWR | O_CLOEXEC) : -1);
+      const std::string text = product.run();
+      CHECK(contains(text, "Match a fan driver I2C interface\n"));
+      CHECK(product.command() == (pipe == SENSOR ? "200" : "150"));
+    }
   }
 }
 
 TEST_CASE("a real signal ends a real wait at once") {
   for (const int signal : {SIGTERM, SIGINT}) {
     CAPTURE(signal);
-    const Product product;
+    const Product product("20 signal TERM\n");
     ::setenv("APPLIANCE_SPEED", "1", 1);
     Service service(product);
-    REQUIRE(eventually([&] { return !product.journal({"select"}).empty(); }));
+    REQUIRE(product.waits(1));
     ::kill(service.daemon, SIGSYS);  // changes nothing
     CHECK(service.wait_end(signal) == (signal == SIGINT ? SIGINT : 0));
     CHECK(product.exists(PID_FILE) == (signal == SIGINT));
@@ -205,10 +351,8 @@ TEST_CASE("a real signal ends a real wait at once") {
 }
 
 TEST_CASE("a select that fails is traced, and the service goes on") {
-  const Product product;
+  const Product product("200 signal TERM\n");
   product.write("/select", "-1");
-  Service service(product);
-  const std::string trace = " corrupted after select() returned\n";
-  CHECK(eventually([&] { return contains(product.read("/out"), trace); }));
-  CHECK(service.wait_end(SIGTERM) == 0);
+  CHECK(contains(product.run(), " corrupted after select() returned\n"));
+  CHECK(product.journal({"select"}) == Lines(3, "select 180 nfds=1"));
 }

@@ -1,0 +1,69 @@
+// A program that is started on a simulated appliance, for programs that watch it.
+#ifndef APPLIANCE_PROGRAM_H
+#define APPLIANCE_PROGRAM_H
+
+#include <sys/types.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "layout.h"
+
+// Closes a descriptor at its end.
+struct Handle {
+  explicit Handle(int descriptor) : number(descriptor) {}
+  ~Handle();
+  Handle(const Handle&) = delete;
+  Handle& operator=(const Handle&) = delete;
+
+  const int number;
+};
+
+// Two connected descriptors: what is written to the one is read from the other. A terminal is raw.
+struct Channel {
+  enum Kind { kPipe, kSocket, kTerminal };
+  explicit Channel(Kind kind);
+
+  std::optional<Handle> reader;
+  std::optional<Handle> writer;
+};
+
+// Polls until the condition holds; false after ten seconds.
+bool eventually(const std::function<bool()>& condition);
+
+// What comes from a pipe, a terminal or a socket until the text is enough, its end, or ten seconds.
+std::string received(int descriptor, const std::function<bool(const std::string&)>& enough);
+
+// Runs the shipped binary of a daemon with the simulation preloaded. Throws, and starts nothing,
+// where the simulation does not answer: the binary is run once without arguments to find out, which
+// has to be harmless. The calling process adopts the daemon, so its end can be seen; it may have no
+// other child. A daemon that runs away is stopped by its limits of file size and processor time.
+// APPLIANCE_EMULATOR in the environment: what runs a binary of another processor.
+class Program {
+ public:
+  struct Start {
+    std::string binary;
+    std::vector<std::string> arguments = {};
+    int output = -1;    // standard output; the appliance's file /out by default
+    int terminal = -1;  // a terminal: the program leads a session on it
+  };
+
+  // Returns when the process that was started has ended, and has left a daemon or not. Standard
+  // error is the appliance's file /err.
+  Program(const Appliance& appliance, const Start& start);
+  // Kills the daemon.
+  ~Program();
+  Program(const Program&) = delete;
+  Program& operator=(const Program&) = delete;
+
+  // The daemon's wait status, as waitpid gives it, once it has ended; -1 after ten seconds. A
+  // signal is sent until then: one that comes just before a wait does not end it.
+  int wait_end(int signal = 0);
+
+  int parentStatus = -1;
+  pid_t daemon = 0;  // 0 when there is none
+};
+
+#endif
