@@ -25,6 +25,7 @@ bool intoNull = false;
 bool silent = false;
 bool stalled = false;   // a second of waiting was in vain
 bool lineOpen = false;  // the last line lacks its end
+bool readerGone = false;
 
 // For as long as a line is written: signals wait, so that the handler's line does not get into it.
 // A SIGPIPE that the line itself causes is taken away, as it tells only that nobody reads.
@@ -35,9 +36,10 @@ class OutputHold {
     (void)::sigfillset(&all);
     (void)::sigprocmask(SIG_BLOCK, &all, &m_before);
     m_pipeSignalPending = is_pending();
+    readerGone = false;
   }
   ~OutputHold() {
-    if (!m_pipeSignalPending && is_pending()) {
+    if (readerGone && !m_pipeSignalPending) {
       sigset_t pipeSignal;
       (void)::sigemptyset(&pipeSignal);
       (void)::sigaddset(&pipeSignal, SIGPIPE);
@@ -96,6 +98,7 @@ bool write_out(std::string_view text) {
     if (output != Output::kFile && !find_room()) return false;
     const ssize_t written = ::write(STDOUT_FILENO, text.data(), sure_length(output, text));
     if (written < 0 && errno == EINTR) continue;
+    readerGone = written < 0 && errno == EPIPE;
     if (written <= 0) return false;
     lineOpen = text[static_cast<std::size_t>(written) - 1] != '\n';
     text.remove_prefix(static_cast<std::size_t>(written));
