@@ -9,8 +9,8 @@
 #include "CurCmd.h"
 #include "cmd-table.h"
 
-/// One byte that a signal handler may set at any instruction and every test reads afresh. There is
-/// one thread, so no atomic type is needed: ARMv5 has none without a lock.
+/// One byte. A signal handler may set it at any moment, and every test of it reads the memory
+/// again. There is one thread, so no atomic type is needed: ARMv5 has none without a lock.
 using SignalFlag = volatile bool;
 static_assert(sizeof(SignalFlag) == 1);
 

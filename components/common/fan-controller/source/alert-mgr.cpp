@@ -31,6 +31,16 @@ using ConnectionPtr = std::unique_ptr<corvane_handle, ConnectionCloser>;
 // Not asked first whether it is there: what cannot be read, or is a link to nothing, goes as well.
 void remove_flag(char const* path) { (void)std::remove(path); }
 
+// Nothing that somebody else has put there, nor another file's second name.
+bool is_own_plain_file(const struct stat& status) {
+  return S_ISREG(status.st_mode) && status.st_nlink == 1 && status.st_uid == ::geteuid();
+}
+
+bool is_own_flag(char const* path) {
+  struct stat status {};
+  return ::lstat(path, &status) == 0 && is_own_plain_file(status);
+}
+
 void report_fan_failed(FanController& controller, corvane_handle& handle) {
   if (controller.m_lastFanAlert == ALERT_FAN_FAILED) return;
   if (controller.m_fanDriverType == FAN_DRIVER_NONE) return;
@@ -66,7 +76,8 @@ void report_temp_normal(FanController& controller, corvane_handle& handle) {
   controller.m_lastTempAlert = ALERT_TEMP_NORMAL;
   syslog(LOG_ERR, "The temperature of the drive(s) is now normal.");
   TRACE_AS(kOperation, "!!! temperature is now normal. !!!");
-  remove_flag(controller.check_file(CRIT_TEMP_FLAG) != 0 ? CRIT_TEMP_FLAG : HIGH_TEMP_FLAG);
+  // What somebody else has put in the critical flag's place must not keep the high one.
+  remove_flag(is_own_flag(CRIT_TEMP_FLAG) ? CRIT_TEMP_FLAG : HIGH_TEMP_FLAG);
   (void)send_config_to_corvane(&handle, "OK");
 }
 
@@ -139,20 +150,15 @@ void report(FanController& controller, AlertKind kind, corvane_handle& handle) {
   }
 }
 
-// Whoever may write to the folder could make a new file appear at every attempt, but not for long.
-constexpr int kCreateAttempts = 100;
-
-// Nothing that somebody else has put there, nor another file's second name.
-bool is_own_plain_file(int descriptor) {
-  struct stat status {};
-  return ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1 &&
-         status.st_uid == ::geteuid();
-}
+constexpr int kReplaceAttempts = 100;
 
 // A flag that is there already stays there: programs may look for it at any moment.
 bool empty_own_file(char const* path) {
+  struct stat status {};
+  if (!is_own_flag(path)) return false;
   const Descriptor file(::open(path, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  return file && is_own_plain_file(file.get()) && ::ftruncate(file.get(), 0) == 0;
+  return file && ::fstat(file.get(), &status) == 0 && is_own_plain_file(status) &&
+         ::ftruncate(file.get(), 0) == 0;
 }
 
 bool create_new_file(char const* path) {
@@ -161,22 +167,36 @@ bool create_new_file(char const* path) {
   return static_cast<bool>(Descriptor(::open(path, kFlags, kEverybody)));
 }
 
-// Rejects links planted in /var/tmp, and whatever else is in the way. A folder that is not empty
-// cannot be removed; it is put aside under a name that nobody else has.
-void clear_place(char const* path) {
-  if (std::remove(path) == 0 || (errno != ENOTEMPTY && errno != EEXIST)) return;
+// A folder that is not empty cannot be removed: it gets a name that nobody else has.
+void put_folder_aside(char const* path) {
+  if (::rmdir(path) == 0) return;
   std::string aside = join({path, ".XXXXXX"});
   if (::mkdtemp(aside.data()) == nullptr) return;
   if (std::rename(path, aside.c_str()) != 0) (void)::rmdir(aside.c_str());
 }
 
-bool create_empty(char const* path) {
-  for (int attempt = 0; attempt < kCreateAttempts; ++attempt) {
-    if (empty_own_file(path) || create_new_file(path)) return true;
-    if (errno != EEXIST) return false;
-    clear_place(path);
+// Rejects links planted in /var/tmp, and whatever else is in the way: a file made in a folder of
+// our own takes its place in one step, so nobody can be quicker.
+bool replace_planted(char const* path) {
+  std::string own = join({path, ".XXXXXX"});
+  if (::mkdtemp(own.data()) == nullptr) return false;
+  const std::string file = join({own, "/flag"});
+  bool replaced = false;
+  if (create_new_file(file.c_str())) {
+    for (int attempt = 0; !replaced && attempt < kReplaceAttempts; ++attempt) {
+      replaced = std::rename(file.c_str(), path) == 0;
+      if (!replaced && errno != EISDIR) break;
+      if (!replaced) put_folder_aside(path);
+    }
+    (void)::unlink(file.c_str());
   }
-  return false;
+  (void)::rmdir(own.c_str());
+  return replaced;
+}
+
+bool create_empty(char const* path) {
+  if (empty_own_file(path) || create_new_file(path)) return true;
+  return errno == EEXIST && replace_planted(path);
 }
 
 }  // namespace

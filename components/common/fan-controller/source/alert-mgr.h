@@ -4,6 +4,8 @@
 
 #include <corvane.h>
 
+#include "alert-flags.h"
+
 /// The argument of FanController::alertNotification and the values of its alert memory.
 enum AlertKind : int {
   ALERT_FAN_FAILED = 0,
@@ -19,11 +21,6 @@ enum AlertKind : int {
 
 /// The alert memory's value before anything is known.
 inline constexpr int ALERT_UNKNOWN = -1;
-
-// Flag files, empty: other programs of the appliance test for their existence.
-inline constexpr char FAN_FAILED_FLAG[] = "/var/tmp/fan_failed_alert";
-inline constexpr char HIGH_TEMP_FLAG[] = "/var/tmp/high_temp_alert";
-inline constexpr char CRIT_TEMP_FLAG[] = "/var/tmp/crit_temp_alert";
 
 /// The management library's resource that stands for the fan.
 inline constexpr int FAN_RESOURCE_ID = 16;

@@ -11,6 +11,10 @@ void read_command_table(std::FILE* file, CommandTable& table) {
     table[parse_int(step.key.c_str())] = parse_int(step.value.c_str());
 }
 
+static int lowest_step(const CommandTable& table) {
+  return table.empty() ? 0 : table.begin()->first;
+}
+
 int first_command(const CommandTable& table) { return table.empty() ? 0 : table.begin()->second; }
 
 int last_command(const CommandTable& table) { return table.empty() ? 0 : table.rbegin()->second; }
@@ -19,20 +23,25 @@ int alert_level(const CommandTable& table) { return table.empty() ? 0 : table.rb
 
 Selection select_command(const CommandTable& table, int temperature, int previous,
                          bool hysteresis) {
-  const int lowest = table.empty() ? 0 : table.begin()->first;
-  if (temperature <= lowest) return {.place = Selection::kBelow, .command = first_command(table)};
+  Selection selection;
+  if (temperature <= lowest_step(table)) {
+    selection.command = first_command(table);
+    return selection;
+  }
   if (temperature > alert_level(table)) {
-    return {.place = Selection::kAbove, .command = last_command(table)};
+    selection.place = Selection::kAbove;
+    selection.command = last_command(table);
+    return selection;
   }
   const auto upper = table.lower_bound(temperature);
   const auto lower = std::prev(upper);
-  // Wider than int: a table may span all of its range.
-  const bool nearerToUpper =
-      std::int64_t{upper->first} - temperature < std::int64_t{temperature} - lower->first;
-  const bool takesUpper = hysteresis ? previous <= temperature : nearerToUpper;
-  return {.place = Selection::kBetween,
-          .command = takesUpper ? upper->second : lower->second,
-          .lower = {lower->first, lower->second},
-          .upper = {upper->first, upper->second},
-          .takesUpper = takesUpper};
+  selection.place = Selection::kBetween;
+  selection.lower = {lower->first, lower->second};
+  selection.upper = {upper->first, upper->second};
+  selection.diffInf = std::int64_t{temperature} - lower->first;
+  selection.diffSup = std::int64_t{upper->first} - temperature;
+  selection.takesUpper =
+      hysteresis ? previous <= temperature : selection.diffSup < selection.diffInf;
+  selection.command = selection.takesUpper ? upper->second : lower->second;
+  return selection;
 }

@@ -30,7 +30,7 @@ struct Selection {
   enum Place {
     kBelow,    ///< at or below the lowest step
     kAbove,    ///< above the highest one
-    kBetween,  ///< behind the lowest and up to the highest one; only then the members below count
+    kBetween,  ///< above the lowest step, up to the highest one
   };
   struct Step {
     int temperature;
@@ -39,12 +39,15 @@ struct Selection {
 
   Place place = kBelow;
   int command = 0;
+  // Set for kBetween only.
   Step lower{};  ///< the steps on both sides; the upper one may be the temperature's own
   Step upper{};
+  std::int64_t diffInf = 0;  ///< degrees from the lower step; a table may span all of int
+  std::int64_t diffSup = 0;  ///< degrees up to the upper step
   bool takesUpper = false;
 };
 
 /// Chooses the command for a temperature. Between two steps the nearer one decides, the lower one
 /// at equal distance; by hysteresis a rising or steady temperature takes the upper one and a
-/// falling one the lower. previous: the temperature measured before, of use by hysteresis only.
+/// falling one the lower. previous: the temperature measured before, used by hysteresis only.
 Selection select_command(const CommandTable& table, int temperature, int previous, bool hysteresis);

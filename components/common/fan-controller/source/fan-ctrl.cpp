@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <cstring>
 #include <ctime>
 #include <iterator>
@@ -180,10 +179,6 @@ void wait_period(FanController& controller, int period) {
   }
 }
 
-void remove_pid_file(const FanController& controller) {
-  (void)::unlink(controller.m_pidFile.c_str());
-}
-
 }  // namespace
 
 void FanController::endlessWatcher(bool oneshot) {
@@ -212,7 +207,7 @@ void FanController::endlessWatcher(bool oneshot) {
     if (oneshot) break;
     wait_period(*this, period);
   }
-  remove_pid_file(*this);
+  (void)::unlink(m_pidFile.c_str());
 }
 
 // --- Temperature ---
@@ -220,6 +215,7 @@ void FanController::endlessWatcher(bool oneshot) {
 namespace {
 
 constexpr int kMillidegrees = 1000;
+
 // Where both ways of measuring meet: the new temperature is shown, then it is acted upon.
 void take_temperature(FanController& controller, const char* operation, const char* label,
                       int temperature) {
@@ -291,14 +287,12 @@ void apply_nearest_step(FanController& controller, const Selection& selection) {
   TRACE_AS(kSelection, "m_valueMapIt->first ", upper);
   TRACE_AS(kSelection, "m_currentTemp ", temperature);
   TRACE_AS(kSelection, "m_valueMapIt->first ", lower);
-  // Wider than int: a table may span all of its range.
-  TRACE_AS(kSelection, "diffInf ", std::int64_t{temperature} - lower);
-  TRACE_AS(kSelection, "diffSup ", std::int64_t{upper} - temperature);
+  TRACE_AS(kSelection, "diffInf ", selection.diffInf);
+  TRACE_AS(kSelection, "diffSup ", selection.diffSup);
   controller.m_curCmd->set_cur_cmd_val(selection.command);
   if (selection.takesUpper) {
     TRACE_AS(kSelection, temperature, " choose upper limit ", upper);
   } else {
-    --controller.m_valueMapIt;
     TRACE_AS(kSelection, temperature, " choose lower limit ", lower);
   }
 }
@@ -328,7 +322,7 @@ bool FanController::processCmd() {
     TRACE(" take min step of values tab i.e. ");
   }
   TRACE("tHigh ", tHigh);
-  if (m_currentTemp > tHigh) {
+  if (selection.place == Selection::kAbove) {
     TRACE(" take max step of values tab i.e. ");
     m_curCmd->set_cur_cmd_val(selection.command);
     if (m_currentTemp > m_hddCriticalTemp) {
@@ -343,7 +337,8 @@ bool FanController::processCmd() {
   }
   if (selection.place == Selection::kBelow) return true;
 
-  m_valueMapIt = m_valueMap.lower_bound(m_currentTemp);
+  m_valueMapIt = m_valueMap.find(selection.upper.temperature);
+  if (!m_useHysteresis && !selection.takesUpper) --m_valueMapIt;
   if (m_useHysteresis) {
     apply_by_hysteresis(*this, selection);
   } else {
@@ -411,35 +406,21 @@ void FanController::getFanAlarm(int* alarmDescriptor, bool restart) {
 namespace {
 
 constexpr char kDiscovery[] = "detectProductConfig";
-std::string attribute_path(const FanController& controller, std::string_view name) {
-  return join({controller.m_fanDriverSysfsDir, "/", name});
-}
-
-// Whether the driver says that it regulates the speed itself.
-bool runs_close_loop(const FanController& controller) {
-  const auto mode = sysfs_read_attr(attribute_path(controller, FAN_MODE).c_str());
-  if (!mode) return false;
-  const bool closeLoop = std::strcmp(mode.get(), CLOSE_LOOP) == 0;
-  TRACE_AS(kDiscovery, closeLoop ? "Fan mode is close-loop" : "Fan mode is open-loop");
-  return closeLoop;
-}
-
-// A configured alarm attribute that cannot be read gives way to the driver's own.
-void check_alarm_path(FanController& controller) {
-  std::string own = attribute_path(controller, FAN_ALARM);
-  if (controller.m_fanAlarmPath.empty()) controller.m_fanAlarmPath = own;
-  if (sysfs_read_attr(controller.m_fanAlarmPath.c_str())) return;
-  if (sysfs_read_attr(own.c_str())) controller.m_fanAlarmPath = std::move(own);
-}
 
 void use_driver(FanController& controller, const DriverRow& driver) {
+  const std::string& directory = controller.m_fanDriverSysfsDir;
   TRACE_AS(kDiscovery, driver.match);
-  syslog(LOG_INFO, "%s", driver.match);
+  syslog(LOG_INFO, driver.kind == FAN_DRIVER_I2C ? MATCH_I2C : MATCH_GPIO);
   controller.m_fanDriverType = driver.kind;
-  controller.m_closeLoop = driver.asksForMode && runs_close_loop(controller);
-  controller.m_fanCmdPath =
-      attribute_path(controller, controller.m_closeLoop ? FAN_TARGET : driver.command);
-  check_alarm_path(controller);
+  if (driver.asksForMode) {
+    const auto closeLoop = runs_close_loop(directory);
+    if (closeLoop) {
+      TRACE_AS(kDiscovery, *closeLoop ? "Fan mode is close-loop" : "Fan mode is open-loop");
+    }
+    controller.m_closeLoop = closeLoop.value_or(false);
+  }
+  controller.m_fanCmdPath = command_path(directory, driver, controller.m_closeLoop);
+  controller.m_fanAlarmPath = alarm_path(directory, controller.m_fanAlarmPath);
 }
 
 // Leaves the driver type at FAN_DRIVER_NONE when there is nothing to be recognised.
@@ -492,7 +473,7 @@ bool FanController::loadConfig() {
     const auto& rows = SETTING_ROWS<FanController>;
     const auto row = std::ranges::find(rows, setting.key, &SettingRow<FanController>::key);
     if (row == rows.end()) continue;
-    assign(*this, *row, setting.value);
+    apply_setting(*this, *row, setting.value);
     TRACE(row->label, setting.value);
   }
   return true;
@@ -521,7 +502,8 @@ std::string status_header(int alertLevel) {
                time.tm_mday, "-", time.tm_mon + 1, "-", time.tm_year + 1900, "\n"});
 }
 
-// The two orders differ: a line may show another disk's temperature; kept, because others parse it.
+// Devices are in the kernel's order, temperatures in the order of the drives' identities. The two
+// orders differ: a line may show another disk's temperature; kept, because others parse it.
 std::string drive_lines(FanController& controller, int alertLevel) {
   std::string lines;
   auto& device = controller.m_hddDevicesIt;

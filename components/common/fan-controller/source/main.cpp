@@ -65,8 +65,6 @@ constexpr SignalAction kSignalActions[] = {
 };
 
 void signal_handler(int number) {
-  // Nobody reads the trace: it is no use to trace that.
-  if (number == SIGPIPE && trace_is_written()) return;
   const int savedErrno = errno;
   for (const SignalAction& action : kSignalActions) {
     if (action.number != number) continue;

@@ -25,7 +25,7 @@ bool split_setting(std::string_view line, Setting& setting);
 /// Finds the next line that sets something. False at the end of the file or on a read error.
 bool next_setting(std::FILE* file, Setting& setting);
 
-/// One key of fan_controller.conf. Exactly one of the three members is set.
+/// One key of fan_controller.conf and the member that takes its value: one of text, number and yes.
 template <typename Holder>
 struct SettingRow {
   std::string_view key;
@@ -59,7 +59,7 @@ inline constexpr auto SETTING_ROWS = std::to_array<SettingRow<Holder>>({
 /// Sets the row's member to the value: text as it is, a number as parse_int reads it, "yes" as
 /// true. Any other text leaves a yes-or-no member as it was.
 template <typename Holder>
-void assign(Holder& holder, const SettingRow<Holder>& row, const std::string& value) {
+void apply_setting(Holder& holder, const SettingRow<Holder>& row, const std::string& value) {
   if (row.text != nullptr) {
     holder.*row.text = value;
   } else if (row.number != nullptr) {

@@ -6,39 +6,10 @@
 #include <array>
 #include <cstddef>
 
+#include "ata.h"
 #include "utils.h"
 
 namespace {
-
-// ATA PASS-THROUGH (16), field by field as SAT lays it out. "ext" holds bits 15:8, which only
-// 48-bit commands use.
-struct AtaPassThrough16 {
-  unsigned char operation_code;
-  unsigned char protocol;  // bits 4-1
-  unsigned char transfer;  // T_DIR, BYT_BLOK, T_LENGTH
-  unsigned char features_ext;
-  unsigned char features;
-  unsigned char sector_count_ext;
-  unsigned char sector_count;
-  unsigned char lba_low_ext;
-  unsigned char lba_low;
-  unsigned char lba_mid_ext;
-  unsigned char lba_mid;
-  unsigned char lba_high_ext;
-  unsigned char lba_high;
-  unsigned char device;
-  unsigned char command;
-  unsigned char control;
-};
-constexpr std::size_t kCommandBlockSize = 16;
-static_assert(sizeof(AtaPassThrough16) == kCommandBlockSize);
-
-constexpr unsigned char kOperationCode = 0x85;
-constexpr unsigned char kProtocolNonData = 3 << 1;
-constexpr unsigned char kProtocolPioDataIn = 4 << 1;
-constexpr unsigned char kTransferFromDevice = 1 << 3;
-constexpr unsigned char kTransferInBlocks = 1 << 2;
-constexpr unsigned char kLengthInSectorCount = 2;
 
 constexpr unsigned char kSmartSignatureMid = 0x4F;
 constexpr unsigned char kSmartSignatureHigh = 0xC2;
@@ -49,9 +20,7 @@ constexpr int kFeatureSmartReadData = 0xD0;
 constexpr int kFeatureSmartEnable = 0xD8;
 
 constexpr unsigned int kTimeoutMs = 20000;
-constexpr std::size_t kSenseSize = 32;
-constexpr std::size_t kSectorSize = 512;
-using Sector = std::array<unsigned char, kSectorSize>;
+using Sector = std::array<unsigned char, ATA_SECTOR_SIZE>;
 
 // SMART READ DATA: the attribute table follows the two bytes of the structure revision.
 constexpr std::size_t kAttributeTable = 2;
@@ -84,31 +53,37 @@ std::string ata_string(const Sector& identity, std::size_t firstWord, std::size_
 
 }  // namespace
 
+bool send_ata_block(int fd, const AtaPassThrough16& block, void* buffer, AtaSense& sense) {
+  const bool withData = buffer != nullptr;
+  AtaPassThrough16 command = block;  // the kernel's header wants it writable
+  sense = {};
+  sg_io_hdr header{};
+  header.interface_id = 'S';
+  header.dxfer_direction = withData ? SG_DXFER_FROM_DEV : SG_DXFER_NONE;
+  header.cmd_len = sizeof command;
+  header.mx_sb_len = ATA_SENSE_SIZE;
+  header.dxfer_len = withData ? ATA_SECTOR_SIZE : 0;
+  header.dxferp = buffer;
+  header.cmdp = &command.operation_code;
+  header.sbp = sense.data();
+  header.timeout = kTimeoutMs;
+  return ::ioctl(fd, SG_IO, &header) >= 0;
+}
+
 int do_ata_command(int fd, int command, int feature, char* buffer) {
   const bool withData = buffer != nullptr;
   AtaPassThrough16 block{};
-  block.operation_code = kOperationCode;
-  block.protocol = withData ? kProtocolPioDataIn : kProtocolNonData;
-  block.transfer = kTransferFromDevice | kTransferInBlocks | (withData ? kLengthInSectorCount : 0);
+  block.operation_code = ATA_PASS_THROUGH_16;
+  block.protocol = withData ? ATA_PROTOCOL_PIO_DATA_IN : ATA_PROTOCOL_NON_DATA;
+  block.transfer = ATA_FROM_DEVICE | ATA_IN_BLOCKS | (withData ? ATA_LENGTH_IN_SECTOR_COUNT : 0);
   block.features = static_cast<unsigned char>(feature);
   block.sector_count = withData ? 1 : 0;
   block.lba_mid = kSmartSignatureMid;
   block.lba_high = kSmartSignatureHigh;
   block.command = static_cast<unsigned char>(command);
 
-  std::array<unsigned char, kSenseSize> sense{};
-  sg_io_hdr header{};
-  header.interface_id = 'S';
-  header.dxfer_direction = withData ? SG_DXFER_FROM_DEV : SG_DXFER_NONE;
-  header.cmd_len = sizeof block;
-  header.mx_sb_len = kSenseSize;
-  header.dxfer_len = withData ? kSectorSize : 0;
-  header.dxferp = buffer;
-  header.cmdp = &block.operation_code;
-  header.sbp = sense.data();
-  header.timeout = kTimeoutMs;
-
-  if (::ioctl(fd, SG_IO, &header) >= 0) return 1;
+  AtaSense sense;
+  if (send_ata_block(fd, block, buffer, sense)) return 1;
   write_trace("IOCTL error\n");
   return 0;
 }

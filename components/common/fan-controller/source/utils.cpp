@@ -2,65 +2,112 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <limits>
 #include <new>
+#include <optional>
 #include <span>
 
 namespace {
 
 constexpr std::size_t kAttributeBuffer = 128;  // one byte of it for the terminating NUL
 
-constexpr std::chrono::milliseconds kPatience(1000);
-// A terminal that reports room takes this many bytes without making the writer wait. A pipe takes
-// PIPE_BUF bytes, which is more than a TraceLine holds.
+constexpr int kPatienceMs = 1000;
 constexpr std::size_t kTerminalRoom = 256;
 
-// Set and tested by the signal handler's trace as well, hence the type.
-volatile std::sig_atomic_t intoNull = 0;
-volatile std::sig_atomic_t stalled = 0;   // a second of waiting was in vain
-volatile std::sig_atomic_t writing = 0;   // inside write()
-volatile std::sig_atomic_t lineOpen = 0;  // the last line lacks its end
+// Used by the signal handler as well, but never at the same time: OutputHold sees to that.
+bool intoNull = false;
+bool silent = false;
+bool stalled = false;   // a second of waiting was in vain
+bool lineOpen = false;  // the last line lacks its end
+bool readerGone = false;
 
-// False: there is no room, or nobody to read. A write could then wait for good, and the fan with
-// it. The descriptor itself is not made non-blocking: it is shared with whoever handed it down.
-bool find_room() noexcept {
-  using Clock = std::chrono::steady_clock;
-  const auto deadline = Clock::now() + (stalled != 0 ? std::chrono::milliseconds(0) : kPatience);
-  for (;;) {
-    const auto rest = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-    pollfd output = {.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
-    const int ready = ::poll(&output, 1, std::max(static_cast<int>(rest.count()), 0));
-    if (ready < 0 && errno == EINTR) continue;
-    stalled = ready == 0 ? 1 : 0;
-    return ready > 0 && output.revents == POLLOUT;
+// For as long as a line is written: signals wait, so that the handler's line does not get into it.
+// A SIGPIPE that the line itself causes is taken away, as it tells only that nobody reads.
+class OutputHold {
+ public:
+  OutputHold() {
+    sigset_t all;
+    (void)::sigfillset(&all);
+    (void)::sigprocmask(SIG_BLOCK, &all, &m_before);
+    m_pipeSignalPending = is_pending();
+    readerGone = false;
   }
+  ~OutputHold() {
+    if (readerGone && !m_pipeSignalPending) {
+      sigset_t pipeSignal;
+      (void)::sigemptyset(&pipeSignal);
+      (void)::sigaddset(&pipeSignal, SIGPIPE);
+      const timespec now{};
+      (void)::sigtimedwait(&pipeSignal, nullptr, &now);
+    }
+    (void)::sigprocmask(SIG_SETMASK, &m_before, nullptr);
+  }
+  OutputHold(const OutputHold&) = delete;
+  OutputHold& operator=(const OutputHold&) = delete;
+
+ private:
+  static bool is_pending() {
+    sigset_t pending;
+    return ::sigpending(&pending) == 0 && ::sigismember(&pending, SIGPIPE) == 1;
+  }
+
+  sigset_t m_before{};
+  bool m_pipeSignalPending;
+};
+
+enum class Output { kFile, kPipe, kTerminal };
+
+// A file takes everything at once. A pipe, a socket and a terminal have a reader, who may be slow.
+Output output_kind() {
+  struct stat status {};
+  if (::fstat(STDOUT_FILENO, &status) != 0) return Output::kFile;
+  if (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode)) return Output::kPipe;
+  return S_ISCHR(status.st_mode) && ::isatty(STDOUT_FILENO) != 0 ? Output::kTerminal
+                                                                 : Output::kFile;
 }
 
-// Whether the text was written to its end. A line that was begun and not ended is ended before the
-// next one begins.
-bool write_out(std::string_view text) noexcept {
+// False: there is no room, or nobody to read. A write would then wait for good, and the fan with
+// it. The descriptor itself is not made non-blocking: it is shared with whoever handed it down.
+bool find_room() {
+  pollfd output = {.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
+  const int ready = ::poll(&output, 1, stalled ? 0 : kPatienceMs);
+  stalled = ready == 0;
+  return ready > 0 && output.revents == POLLOUT;
+}
+
+// How much of the text a write takes without waiting where there is room. A pipe takes PIPE_BUF
+// bytes, more than a piece of a line has. A terminal may have room for one byte only, but it takes
+// as many as its driver's smallest buffer; a control character is handled apart and needs room of
+// its own.
+std::size_t sure_length(Output output, std::string_view text) {
+  if (output != Output::kTerminal) return text.size();
+  const std::size_t plain = std::min(text.find_first_of("\n\r\t"), kTerminalRoom);
+  return std::min(std::max(plain, std::size_t{1}), text.size());
+}
+
+// Whether the text was written to its end.
+bool write_out(std::string_view text) {
+  const Output output = intoNull ? Output::kFile : output_kind();
   while (!text.empty()) {
-    if (intoNull == 0 && !find_room()) return false;
-    const bool fits = text.size() <= kTerminalRoom || ::isatty(STDOUT_FILENO) == 0;
-    const std::sig_atomic_t outer = writing;  // a signal's line may come in between
-    writing = 1;
-    const ssize_t written = ::write(STDOUT_FILENO, text.data(), fits ? text.size() : kTerminalRoom);
-    writing = outer;
+    if (output != Output::kFile && !find_room()) return false;
+    const ssize_t written = ::write(STDOUT_FILENO, text.data(), sure_length(output, text));
     if (written < 0 && errno == EINTR) continue;
+    readerGone = written < 0 && errno == EPIPE;
     if (written <= 0) return false;
-    lineOpen = text[static_cast<std::size_t>(written) - 1] == '\n' ? 0 : 1;
+    lineOpen = text[static_cast<std::size_t>(written) - 1] != '\n';
     text.remove_prefix(static_cast<std::size_t>(written));
   }
   return true;
 }
 
-bool begin_line() noexcept { return lineOpen == 0 || write_out("\n"); }
+// A line that was begun and not ended is ended before the next one begins.
+bool begin_line() { return !lineOpen || write_out("\n"); }
 
 // Composes a line without memory of its own from the heap: the last lines of a process that has run
 // out of it are traced too. A line that does not fit goes out in pieces; when one of them is lost,
@@ -102,15 +149,21 @@ std::string join(std::initializer_list<TextPiece> pieces) {
 }
 
 void write_trace(std::string_view text) noexcept {
+  if (text.empty() || silent) return;
+  std::optional<OutputHold> hold;
+  if (!intoNull) hold.emplace();
   if (begin_line()) (void)write_out(text);
 }
 
-void trace_into_null() noexcept { intoNull = 1; }
+void trace_into_null() noexcept { intoNull = true; }
 
-bool trace_is_written() noexcept { return writing != 0; }
+void silence_traces() noexcept { silent = true; }
 
 void trace_line(const char* file, const char* operation,
                 std::initializer_list<TextPiece> message) noexcept {
+  if (silent) return;
+  std::optional<OutputHold> hold;
+  if (!intoNull) hold.emplace();
   TraceLine line;
   for (const char* piece : {file, ":", operation, " "}) line.append(piece);
   for (const TextPiece& piece : message) line.append(piece.text());

@@ -69,21 +69,21 @@ class TextPiece {
 /// The pieces joined with nothing between them.
 std::string join(std::initializer_list<TextPiece> pieces);
 
-/// Writes finished lines to standard output. Safe in a signal handler. Where there is no room they
-/// wait for it, at most a second; once that was in vain, lines are dropped without waiting until
-/// there is room again. While nobody reads they are dropped too. Other failures lose the line and
-/// nothing else.
+/// Writes finished lines to standard output. Safe in a signal handler. In a pipe, a socket or a
+/// terminal without room they wait for it, at most a second; once that was in vain, lines are
+/// dropped without waiting until there is room again. While nobody reads they are dropped too, and
+/// no SIGPIPE comes of it. Other failures lose the line and nothing else. Of a line that is longer
+/// than a pipe or a terminal takes at once, the end alone may be lost.
 void write_trace(std::string_view text) noexcept;
 
 /// Tells that standard output is /dev/null: no line has to look for room any more.
 void trace_into_null() noexcept;
 
-/// True while a line is being handed over: a SIGPIPE that arrives now tells only that the reader of
-/// the trace has gone away.
-bool trace_is_written() noexcept;
+/// No trace line is written any more: standard output is for something else.
+void silence_traces() noexcept;
 
-/// Writes one trace line, "<file>:<operation> <message>" and a line feed, in one go up to 1 KiB (on
-/// a terminal up to 256 bytes).
+/// Writes one trace line, "<file>:<operation> <message>" and a line feed, in one go up to 1 KiB
+/// (not on a terminal). No other line gets into it.
 void trace_line(const char* file, const char* operation,
                 std::initializer_list<TextPiece> message) noexcept;
 
