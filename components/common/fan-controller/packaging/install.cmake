@@ -45,7 +45,7 @@ install(CODE [[
     message(STATUS "To start it now and at boot: systemctl daemon-reload && "
       "systemctl enable --now fan_controller")
   else()
-    message(STATUS "To start it at boot: systemctl --root=$ENV{DESTDIR} enable fan_controller")
+    message(STATUS "To start it at boot: systemctl --root=\"$ENV{DESTDIR}\" enable fan_controller")
   endif()]])
 
 # The changelog knows how often this version has been packaged.
