@@ -39,6 +39,14 @@ install(FILES doc/fan_controller.conf.5 doc/fan_cmd_tab.conf.5 DESTINATION usr/s
 install(DIRECTORY config/examples DESTINATION ${documents})
 install(FILES ${packaging}/copyright DESTINATION ${documents})
 install(FILES ${packaging}/changelog DESTINATION ${documents} RENAME changelog.Debian)
+# An installation enables nothing by itself: a second one would undo what the administrator wants.
+install(CODE [[
+  if("$ENV{DESTDIR}" STREQUAL "")
+    message(STATUS "To start it now and at boot: systemctl daemon-reload && "
+      "systemctl enable --now fan_controller")
+  else()
+    message(STATUS "To start it at boot: systemctl --root=\"$ENV{DESTDIR}\" enable fan_controller")
+  endif()]])
 
 # The changelog knows how often this version has been packaged.
 file(STRINGS ${packaging}/changelog newest LIMIT_COUNT 1)
@@ -57,6 +65,7 @@ set(CPACK_PACKAGING_INSTALL_PREFIX /)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS ${CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS})
 set(CPACK_PRE_BUILD_SCRIPTS ${packaging}/stage.cmake)
+set(CPACK_POST_BUILD_SCRIPTS ${packaging}/repack.cmake)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
@@ -69,7 +78,8 @@ alarm, restarts a blocked fan, and reports fan failures and high temperatures.
 As installed no fan is touched: the fan driver has to be named in
 /etc/fan_controller/fan_controller.conf first.")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
-    ${packaging}/conffiles ${packaging}/postinst ${packaging}/prerm ${packaging}/postrm)
+    ${packaging}/conffiles ${packaging}/preinst ${packaging}/postinst ${packaging}/prerm
+    ${packaging}/postrm)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 # dpkg-shlibdeps finds the C library's package and version; that of a cross compiler it has to be

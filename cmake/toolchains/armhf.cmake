@@ -1,0 +1,6 @@
+# ARMv7 with a floating-point unit.
+set(CMAKE_SYSTEM_PROCESSOR armv7l)
+set(architecture armhf)
+set(triplet arm-linux-gnueabihf)
+set(emulator qemu-arm)
+include(${CMAKE_CURRENT_LIST_DIR}/debian.cmake)
