@@ -225,11 +225,13 @@ APPLIANCE_PATH(access, kLook, bitsAskedFor(mode), (const char* path, int mode), 
 APPLIANCE_PATH(faccessat, kLook, bitsAskedFor(mode),
                (int folder, const char* path, int mode, int flags), folder, route.real, mode, flags)
 
+// NOLINTBEGIN(bugprone-macro-parentheses): a type
 #define APPLIANCE_STAT(name, Status) \
   APPLIANCE_PATH(name, kLook, 0, (const char* path, Status* status), route.real, status)
 #define APPLIANCE_STATAT(name, Status)                                                      \
   APPLIANCE_PATH(name, kLook, 0, (int folder, const char* path, Status* status, int flags), \
                  folder, route.real, status, flags)
+// NOLINTEND(bugprone-macro-parentheses)
 
 APPLIANCE_STAT(stat, struct stat)
 APPLIANCE_STAT(lstat, struct stat)
