@@ -218,7 +218,7 @@ Wait wait(Microseconds length) {
 // What a file below the root says about the next call of a function; it is gone then.
 std::string takeFile(const char* name) {
   const std::string path = root() + std::string(name);
-  const std::string text = readFile(path, kScriptMax);
+  std::string text = readFile(path, kScriptMax);
   if (!text.empty()) unlinkat(AT_FDCWD, path.c_str(), 0);
   return text;
 }

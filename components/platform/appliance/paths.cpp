@@ -225,26 +225,24 @@ APPLIANCE_PATH(access, kLook, bitsAskedFor(mode), (const char* path, int mode), 
 APPLIANCE_PATH(faccessat, kLook, bitsAskedFor(mode),
                (int folder, const char* path, int mode, int flags), folder, route.real, mode, flags)
 
-// NOLINTBEGIN(bugprone-macro-parentheses): a type
 #define APPLIANCE_STAT(name, Status) \
-  APPLIANCE_PATH(name, kLook, 0, (const char* path, Status* status), route.real, status)
-#define APPLIANCE_STATAT(name, Status)                                                      \
-  APPLIANCE_PATH(name, kLook, 0, (int folder, const char* path, Status* status, int flags), \
-                 folder, route.real, status, flags)
-// NOLINTEND(bugprone-macro-parentheses)
+  APPLIANCE_PATH(name, kLook, 0, (const char* path, Status status), route.real, status)
+#define APPLIANCE_STATAT(name, Status)                                                             \
+  APPLIANCE_PATH(name, kLook, 0, (int folder, const char* path, Status status, int flags), folder, \
+                 route.real, status, flags)
 
-APPLIANCE_STAT(stat, struct stat)
-APPLIANCE_STAT(lstat, struct stat)
-APPLIANCE_STATAT(fstatat, struct stat)
-APPLIANCE_STAT(stat64, struct stat64)
-APPLIANCE_STAT(lstat64, struct stat64)
-APPLIANCE_STATAT(fstatat64, struct stat64)
+APPLIANCE_STAT(stat, struct stat*)
+APPLIANCE_STAT(lstat, struct stat*)
+APPLIANCE_STATAT(fstatat, struct stat*)
+APPLIANCE_STAT(stat64, struct stat64*)
+APPLIANCE_STAT(lstat64, struct stat64*)
+APPLIANCE_STATAT(fstatat64, struct stat64*)
 
 // What programs with 64-bit time call on a 32-bit machine.
 #if __TIMESIZE == 32
-APPLIANCE_STAT(__stat64_time64, void)
-APPLIANCE_STAT(__lstat64_time64, void)
-APPLIANCE_STATAT(__fstatat64_time64, void)
+APPLIANCE_STAT(__stat64_time64, void*)
+APPLIANCE_STAT(__lstat64_time64, void*)
+APPLIANCE_STATAT(__fstatat64_time64, void*)
 #endif
 
 APPLIANCE_INTERPOSED int rename(const char* from, const char* to) noexcept {

@@ -74,6 +74,7 @@ int execute(const Appliance& appliance, const Program::Start& start) {
   ::setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
   auto texts = commandLine(appliance, start);
   std::vector<char*> words;
+  words.reserve(texts.size() + 1);
   for (auto& text : texts) words.push_back(text.data());
   words.push_back(nullptr);
   const Handle file(
