@@ -77,7 +77,8 @@ void report_temp_normal(FanController& controller, corvane_handle& handle) {
   syslog(LOG_ERR, "The temperature of the drive(s) is now normal.");
   TRACE_AS(kOperation, "!!! temperature is now normal. !!!");
   // What somebody else has put in the critical flag's place must not keep the high one.
-  remove_flag(is_own_flag(CRIT_TEMP_FLAG) ? CRIT_TEMP_FLAG : HIGH_TEMP_FLAG);
+  if (!is_own_flag(CRIT_TEMP_FLAG)) remove_flag(HIGH_TEMP_FLAG);
+  remove_flag(CRIT_TEMP_FLAG);
   (void)send_config_to_corvane(&handle, "OK");
 }
 

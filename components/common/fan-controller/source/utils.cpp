@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <limits>
@@ -17,7 +18,8 @@ namespace {
 
 constexpr std::size_t kAttributeBuffer = 128;  // one byte of it for the terminating NUL
 
-constexpr int kPatienceMs = 1000;
+using Clock = std::chrono::steady_clock;
+constexpr std::chrono::milliseconds kPatience(1000);
 constexpr std::size_t kTerminalRoom = 256;
 
 // Used by the signal handler as well, but never at the same time: OutputHold sees to that.
@@ -26,20 +28,22 @@ bool silent = false;
 bool stalled = false;   // a second of waiting was in vain
 bool lineOpen = false;  // the last line lacks its end
 bool readerGone = false;
+Clock::time_point deadline;  // of the line that is written
 
 // For as long as a line is written: signals wait, so that the handler's line does not get into it.
-// A SIGPIPE that the line itself causes is taken away, as it tells only that nobody reads.
+// The SIGPIPE that the line itself causes is taken away, as it tells only that nobody reads. The
+// kernel hands out a thread's own signal before one that was sent to the process, which stays.
 class OutputHold {
  public:
   OutputHold() {
     sigset_t all;
     (void)::sigfillset(&all);
     (void)::sigprocmask(SIG_BLOCK, &all, &m_before);
-    m_pipeSignalPending = is_pending();
     readerGone = false;
+    deadline = Clock::now() + kPatience;
   }
   ~OutputHold() {
-    if (readerGone && !m_pipeSignalPending) {
+    if (readerGone) {
       sigset_t pipeSignal;
       (void)::sigemptyset(&pipeSignal);
       (void)::sigaddset(&pipeSignal, SIGPIPE);
@@ -52,13 +56,7 @@ class OutputHold {
   OutputHold& operator=(const OutputHold&) = delete;
 
  private:
-  static bool is_pending() {
-    sigset_t pending;
-    return ::sigpending(&pending) == 0 && ::sigismember(&pending, SIGPIPE) == 1;
-  }
-
   sigset_t m_before{};
-  bool m_pipeSignalPending;
 };
 
 enum class Output { kFile, kPipe, kTerminal };
@@ -75,8 +73,10 @@ Output output_kind() {
 // False: there is no room, or nobody to read. A write would then wait for good, and the fan with
 // it. The descriptor itself is not made non-blocking: it is shared with whoever handed it down.
 bool find_room() {
+  const auto rest = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+  const int patience = stalled ? 0 : std::max(static_cast<int>(rest.count()), 0);
   pollfd output = {.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
-  const int ready = ::poll(&output, 1, stalled ? 0 : kPatienceMs);
+  const int ready = ::poll(&output, 1, patience);
   stalled = ready == 0;
   return ready > 0 && output.revents == POLLOUT;
 }
