@@ -7,6 +7,10 @@
 //   slotN                  SMART attribute entry N (0 to 29), 12 bytes in hex
 //   smart_file             file of the 512 bytes that SMART READ DATA returns; a relative path
 //                         begins at the root folder
+//   power                  standby, idle or active (the default), as CHECK POWER MODE tells it; a
+//                          disk in standby that gets another command is noted as `woken` in the
+//                          journal and sleeps on
+//   sense                  fixed: CHECK POWER MODE is answered in the fixed format of sense data
 //   fails                  ioctl: the system call fails; reject: the disk refuses every command
 #include <scsi/sg.h>
 #include <sys/ioctl.h>
@@ -80,6 +84,7 @@ constexpr unsigned char kFromDevice = 0x08;
 constexpr unsigned char kInBlocks = 0x04;
 constexpr unsigned char kLengthMask = 0x03;
 constexpr unsigned char kLengthInCount = 0x02;
+constexpr unsigned char kCheckAlways = 0x20;  // CK_COND: registers are told after success too
 
 constexpr unsigned char kSmart = 0xb0;
 constexpr unsigned char kSmartReadData = 0xd0;
@@ -87,6 +92,12 @@ constexpr unsigned char kSmartEnableOperations = 0xd8;
 constexpr unsigned char kSmartLbaMid = 0x4f;
 constexpr unsigned char kSmartLbaHigh = 0xc2;
 constexpr unsigned char kIdentifyDevice = 0xec;
+constexpr unsigned char kCheckPowerMode = 0xe5;
+
+// The count register after CHECK POWER MODE.
+constexpr unsigned char kStandby = 0x00;
+constexpr unsigned char kIdle = 0x80;
+constexpr unsigned char kActive = 0xff;
 
 // SCSI status and fixed format sense data.
 constexpr unsigned char kCheckCondition = 0x02;
@@ -104,12 +115,32 @@ struct Sense {
 constexpr Sense kInvalidField{0x05, 0x24};  // illegal request, invalid field in command block
 constexpr Sense kAborted{0x0b, 0x00};       // aborted command
 
+// What SAT tells of the registers, in either format: "recovered error", "ATA pass-through
+// information available", then the count and status registers.
+constexpr unsigned char kReady = 0x50;  // status: ready, seek complete
+constexpr unsigned char kRecovered = 0x01;
+constexpr unsigned char kInformation = 0x1d;
+constexpr std::size_t kDescriptorSenseSize = 22;
+using Registers = std::array<unsigned char, kDescriptorSenseSize>;
+
+Registers inDescriptorFormat(unsigned char count) {
+  return {0x72, kRecovered, 0, kInformation, 0, 0, 0, 14, 0x09, 12, 0, 0, 0, count, 0, 0, 0, 0,
+          0,    0,          0, kReady};
+}
+
+Registers inFixedFormat(unsigned char count) {
+  return {kFixedFormat,      0, kRecovered, 0, kReady, 0, count,
+          kAdditionalLength, 0, 0,          0, 0,      0, kInformation};
+}
+
 enum class Failure { kNone, kIoctl, kReject };
 
 struct Disk {
   Sector identity{};
   Sector smart{};
   Failure failure = Failure::kNone;
+  unsigned char power = kActive;
+  bool fixedFormat = false;
 };
 
 // Text to bytes; false for an odd digit or what is no digit.
@@ -171,6 +202,14 @@ bool putKey(Disk& disk, const std::string& name, const std::string& value) {
     putString(disk.identity, kSerialOffset, bytes, kSerialSize, '\0');
   } else if (name.starts_with("slot")) {
     return putSlot(disk.smart, std::string_view(name).substr(4), value);
+  } else if (name == "power" && value == "standby") {
+    disk.power = kStandby;
+  } else if (name == "power" && value == "idle") {
+    disk.power = kIdle;
+  } else if (name == "power" && value == "active") {
+    disk.power = kActive;
+  } else if (name == "sense" && value == "fixed") {
+    disk.fixedFormat = true;
   } else if (name == "fails" && value == "ioctl") {
     disk.failure = Failure::kIoctl;
   } else if (name == "fails" && value == "reject") {
@@ -249,6 +288,9 @@ const char* commandFault(const unsigned char* block, bool withData) {
     case kIdentifyDevice:
       if (block[kFeatures] != 0) return "feature";
       return withData ? nullptr : "protocol";
+    case kCheckPowerMode:
+      if (block[kFeatures] != 0) return "feature";
+      return withData ? "protocol" : nullptr;
     default:
       return "command";
   }
@@ -261,7 +303,9 @@ const char* blockFault(const unsigned char* block, int direction) {
     if (block[field] != 0) return "high-order byte";
   }
   if (block[kLbaLow] != 0 || block[kDevice] != 0 || block[kControl] != 0) return "unused byte";
-  if ((block[kTransfer] & ~(kFromDevice | kInBlocks | kLengthMask)) != 0) return "transfer flags";
+  const int flags = kFromDevice | kInBlocks | kLengthMask |
+                    (block[kCommand] == kCheckPowerMode ? kCheckAlways : 0);
+  if ((block[kTransfer] & ~flags) != 0) return "transfer flags";
 
   const bool withData = block[kProtocol] == kPioDataIn;
   if (!withData && block[kProtocol] != kNonData) return "protocol";
@@ -277,13 +321,10 @@ const char* blockFault(const unsigned char* block, int direction) {
   return commandFault(block, withData);
 }
 
-void checkCondition(sg_io_hdr& header, const Sense& sense) {
-  unsigned char data[kSenseSize] = {kFixedFormat};
-  data[kSenseKeyOffset] = sense.key;
-  data[kAdditionalLengthOffset] = kAdditionalLength;
-  data[kSenseCodeOffset] = sense.code;
-  std::memcpy(header.sbp, data, sizeof data);
-  header.sb_len_wr = sizeof data;
+void checkCondition(sg_io_hdr& header, const unsigned char* sense, std::size_t size) {
+  const std::size_t length = std::min<std::size_t>(size, header.mx_sb_len);
+  std::memcpy(header.sbp, sense, length);
+  header.sb_len_wr = static_cast<unsigned char>(length);
   header.status = kCheckCondition;
   header.masked_status = kCheckCondition >> 1;
   header.driver_status = kDriverSense;
@@ -291,7 +332,20 @@ void checkCondition(sg_io_hdr& header, const Sense& sense) {
   header.resid = static_cast<int>(header.dxfer_len);
 }
 
+void fail(sg_io_hdr& header, const Sense& sense) {
+  unsigned char data[kSenseSize] = {kFixedFormat};
+  data[kSenseKeyOffset] = sense.key;
+  data[kAdditionalLengthOffset] = kAdditionalLength;
+  data[kSenseCodeOffset] = sense.code;
+  checkCondition(header, data, sizeof data);
+}
+
 void succeed(sg_io_hdr& header, const Disk& disk) {
+  if ((header.cmdp[kTransfer] & kCheckAlways) != 0) {
+    const auto sense =
+        disk.fixedFormat ? inFixedFormat(disk.power) : inDescriptorFormat(disk.power);
+    checkCondition(header, sense.data(), disk.fixedFormat ? kSenseSize : sense.size());
+  }
   if (header.dxfer_direction != SG_DXFER_FROM_DEV) return;
   const bool identify = header.cmdp[kCommand] == kIdentifyDevice;
   const Sector& data = identify ? disk.identity : disk.smart;
@@ -342,12 +396,15 @@ int execute(int descriptor, const Disk& disk, sg_io_hdr& header) {
   header.duration = header.info = 0;
   if (const char* const fault = blockFault(header.cmdp, header.dxfer_direction)) {
     recordCall(descriptor, header, std::string("invalid: ") + fault);
-    checkCondition(header, kInvalidField);
+    fail(header, kInvalidField);
   } else if (disk.failure == Failure::kReject) {
     recordCall(descriptor, header, "rejected");
-    checkCondition(header, kAborted);
+    fail(header, kAborted);
   } else {
     recordCall(descriptor, header, "ok");
+    if (disk.power == kStandby && header.cmdp[kCommand] != kCheckPowerMode) {
+      record("woken", "%s", nodeName(descriptor).c_str());
+    }
     succeed(header, disk);
   }
   return 0;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
 #include <system_error>
 
 #include "appliance.h"
@@ -19,7 +20,7 @@ static fs::path folder_for_roots() {
 
 Appliance::Appliance() : m_root(folder_for_roots() / "appliance-XXXXXX") {
   if (mkdtemp(m_root.data()) == nullptr) std::abort();
-  for (const char* folder : {"/var/run", "/var/tmp", "/dev", "/sys", "/proc", "/etc"}) {
+  for (const char* folder : {"/run", "/var/run", "/var/tmp", "/dev", "/sys", "/proc", "/etc"}) {
     fs::create_directories(at(folder));
   }
   setenv("APPLIANCE_ROOT", m_root.c_str(), 1);
@@ -66,6 +67,37 @@ void Appliance::fan(const std::string& folder, bool gpio) const {
   }
   fs::create_symlink(at("/sys"), at(folder + "/subsystem"));
   fs::create_symlink("/nowhere", at(folder + "/dangling"));
+}
+
+void Appliance::link(const std::string& target, const std::string& path) const {
+  const fs::path folder = fs::path(path).parent_path();
+  fs::create_directories(at(folder));
+  fs::create_symlink(fs::path(target).lexically_relative(folder), at(path));
+}
+
+void Appliance::chip(const Chip& chip) const {
+  const std::string entry = "hwmon" + std::to_string(chip.number);
+  const fs::path device(chip.device);
+  const std::string above = "/sys/devices/" + (chip.device.empty() ? "virtual" : chip.device);
+  const std::string folder = above + "/hwmon/" + entry;
+  const std::string holder = chip.inDevice ? above : folder;
+  write(holder + "/name", chip.name + "\n");
+  write(folder + "/uevent", "");
+  write(folder + "/power/control", "auto\n");
+  link("/sys/class/hwmon", folder + "/subsystem");
+  link(folder, "/sys/class/hwmon/" + entry);
+  std::istringstream words(chip.attributes);
+  for (std::string word; words >> word;) {
+    const std::size_t equals = word.find('=');
+    write(holder + "/" + word.substr(0, equals), word.substr(equals + 1) + "\n");
+  }
+  if (chip.device.empty()) return;
+  const std::string bus = "/sys/bus/" + device.parent_path().string();
+  write(above + "/modalias", device.parent_path().string() + ":" + chip.name + "\n");
+  write(above + "/uevent", "DRIVER=" + chip.name + "\n");
+  link(above, folder + "/device");
+  link(above, bus + "/devices/" + device.filename().string());
+  link(bus, above + "/subsystem");
 }
 
 void Appliance::config(const std::string& settings, const std::string& table) const {

@@ -29,6 +29,16 @@ class Appliance {
   // A fan driver's directory with the attributes of an I2C chip or of a GPIO fan, all "0", and the
   // folder and links that sysfs adds.
   void fan(const std::string& folder, bool gpio) const;
+  // A chip of the hwmon class with all the folders and links that sysfs has around it. Its folder
+  // is /sys/devices/BUS/DEVICE below the appliance's root, without a device /sys/devices/virtual.
+  struct Chip {
+    int number;              // of hwmonN
+    std::string name;        // as the driver calls it
+    std::string device;      // BUS/DEVICE, such as i2c/0-002e; empty: a chip without a device
+    std::string attributes;  // "pwm1=77 fan1_input=1205"
+    bool inDevice = false;   // they lie in the device's folder, as older drivers have it
+  };
+  void chip(const Chip& chip) const;
   // The configuration directory, /etc/fan_controller; an empty text leaves the file out.
   void config(const std::string& settings, const std::string& table) const;
   // The journal's entries of these kinds, without their time ("syslog 6 text").
@@ -37,6 +47,9 @@ class Appliance {
   std::vector<std::string> journal(const std::vector<std::string>& kinds) const;
 
  private:
+  // A link within the root: relative, as sysfs has them. Makes the folders above it as well.
+  void link(const std::string& target, const std::string& path) const;
+
   std::string m_root;
 };
 

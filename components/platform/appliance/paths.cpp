@@ -25,6 +25,7 @@ constexpr std::string_view kPrefixes[] = {
 bool isOfAppliance(std::string_view path) {
   for (const auto prefix : kPrefixes) {
     if (path.starts_with(prefix)) return true;
+    if (prefix.ends_with('/') && path == prefix.substr(0, prefix.size() - 1)) return true;
   }
   return false;
 }
@@ -261,4 +262,72 @@ APPLIANCE_INTERPOSED char* mkdtemp(char* path) noexcept {
   const std::size_t length = std::strlen(path);
   std::memcpy(path, route.buffer + std::strlen(route.buffer) - length, length);
   return path;
+}
+
+// --- Links ---
+
+namespace {
+
+// A path below the root as the appliance knows it; every other path as it is.
+std::string_view withoutRoot(std::string_view path) {
+  const std::string_view folder = rootWithoutSlash();
+  if (folder.empty() || !liesBelow(path, folder)) return path;
+  return path.substr(folder.size());
+}
+
+// What a link or a resolved path says, told as the appliance knows it.
+ssize_t tell(std::string_view path, char* buffer, std::size_t size) {
+  const std::string_view told = withoutRoot(path);
+  const std::size_t length = std::min(told.size(), size);
+  std::memmove(buffer, told.data(), length);
+  return static_cast<ssize_t>(length);
+}
+
+}  // namespace
+
+// An absolute target leads to the appliance's file, whoever follows the link.
+APPLIANCE_INTERPOSED int symlink(const char* target, const char* path) noexcept {
+  static auto* const real = next<int(const char*, const char*)>("symlink");
+  const Route link(path, Use::kChange);
+  const Route end(target, Use::kLook);
+  return link.tooLong || end.tooLong ? -1 : real(end.real, link.real);
+}
+
+APPLIANCE_INTERPOSED ssize_t readlink(const char* path, char* buffer, std::size_t size) noexcept {
+  static auto* const real = next<ssize_t(const char*, char*, std::size_t)>("readlink");
+  const Route route(path, Use::kLook);
+  PathBuffer target;
+  if (route.tooLong) return -1;
+  if (!route.redirected) return real(path, buffer, size);
+  const ssize_t length = real(route.real, target, sizeof target);
+  return length < 0 ? -1 : tell({target, static_cast<std::size_t>(length)}, buffer, size);
+}
+
+APPLIANCE_INTERPOSED char* realpath(const char* path, char* resolved) noexcept {
+  static auto* const real = next<char*(const char*, char*)>("realpath");
+  const Route route(path, Use::kLook);
+  if (route.tooLong) return nullptr;
+  char* const result = real(route.real, resolved);
+  if (result == nullptr || !route.redirected) return result;
+  result[tell(result, result, std::strlen(result))] = '\0';
+  return result;
+}
+
+APPLIANCE_INTERPOSED int renameat2(int fromFolder, const char* from, int toFolder, const char* to,
+                                   unsigned int flags) noexcept {
+  static auto* const real =
+      next<int(int, const char*, int, const char*, unsigned int)>("renameat2");
+  const Route source(from, Use::kChange);
+  const Route target(to, Use::kChange);
+  if (source.tooLong || target.tooLong) return -1;
+  return real(fromFolder, source.real, toFolder, target.real, flags);
+}
+
+// What the fortified headers call.
+APPLIANCE_INTERPOSED char* __realpath_chk(const char* path, char* resolved, std::size_t) noexcept {
+  return realpath(path, resolved);
+}
+APPLIANCE_INTERPOSED ssize_t __readlink_chk(const char* path, char* buffer, std::size_t size,
+                                            std::size_t) noexcept {
+  return readlink(path, buffer, size);
 }

@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -136,8 +137,11 @@ std::string received(int descriptor, const std::function<bool(const std::string&
 }
 
 Program::Program(const Appliance& appliance, const Start& start) {
-  static const bool answers = simulationAnswers(appliance, start.binary);
-  if (!answers) throw std::runtime_error("the program would run on this machine itself");
+  static std::set<std::string> answering;
+  if (!answering.contains(start.binary) && !simulationAnswers(appliance, start.binary)) {
+    throw std::runtime_error("the program would run on this machine itself");
+  }
+  answering.insert(start.binary);
   (void)::prctl(PR_SET_CHILD_SUBREAPER, 1);
   parentStatus = execute(appliance, start);
   // The daemon is the only child left.

@@ -36,11 +36,12 @@ bool eventually(const std::function<bool()>& condition);
 // What comes from a pipe, a terminal or a socket until the text is enough, its end, or ten seconds.
 std::string received(int descriptor, const std::function<bool(const std::string&)>& enough);
 
-// Runs the shipped binary of a daemon with the simulation preloaded. Throws, and starts nothing,
-// where the simulation does not answer: the binary is run once without arguments to find out, which
-// has to be harmless. The calling process adopts the daemon, so its end can be seen; it may have no
-// other child. A daemon that runs away is stopped by its limits of file size and processor time.
-// APPLIANCE_EMULATOR in the environment: what runs a binary of another processor.
+// Runs a shipped binary, which may become a daemon, with the simulation preloaded. Throws, and
+// starts nothing, where the simulation does not answer: each binary is run once without arguments
+// to find out, which has to be harmless. The calling process adopts the daemon, so its end can be
+// seen; it may have no other child. A daemon that runs away is stopped by its limits of file size
+// and processor time. APPLIANCE_EMULATOR in the environment: what runs a binary of another
+// processor.
 class Program {
  public:
   struct Start {
