@@ -62,7 +62,7 @@ wait_for() {
 # --- Packages and builds ---
 
 # What a build and the tests need on a bare Debian 12.
-build_packages=(cmake g++ make libc6-dev)
+build_packages=(cmake g++ make libc6-dev libcli11-dev nlohmann-json3-dev)
 test_packages=("${build_packages[@]}" doctest-dev)
 
 # cross_packages PRESET: sets cross_packages, what a preset for another processor needs beside them.
@@ -112,14 +112,14 @@ need_packages() {
 }
 
 # build_preset PRESET [TARGET...]: quiet as well. With the stand-in for the management library, and
-# with the tests, whatever the folder was configured with before.
+# with the tests and the companion, whatever the folder was configured with before.
 build_preset() {
   [[ $PWD != *:* ]] || fail "make cannot build in a folder whose path has a colon: $PWD"
   if grep -qs '^CORVANE_LIBRARY:[A-Z]*=.' "build/$1/CMakeCache.txt"; then
     say "build/$1 was configured with the appliance's own library. It now gets the" \
       'stand-in: configure it again before you install from it.' >&2
   fi
-  quietly cmake --preset "$1" '-UCORVANE_*' -UBUILD_TESTING &&
+  quietly cmake --preset "$1" '-UCORVANE_*' -UBUILD_TESTING -UFAN_TOOLS &&
     quietly cmake --build --preset "$1" -j "$(nproc)" ${2:+--target "${@:2}"} && return
   printf 'The build of %s failed.\n' "$1" >&2
   return 1

@@ -13,9 +13,8 @@ set(CORVANE_PACKAGE libcorvane CACHE STRING
 
 set(package fan-controller)
 set(packaging ${CMAKE_CURRENT_LIST_DIR})
-set(documents usr/share/doc/${package})
-set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
-    OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+include(${packaging}/package.cmake)
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME ${package})
 
 if(NOT CORVANE_LIBRARY)
   install(CODE "message(WARNING \"linked against the stand-in for libcorvane, which is not \"
@@ -48,27 +47,6 @@ install(CODE [[
     message(STATUS "To start it at boot: systemctl --root=\"$ENV{DESTDIR}\" enable fan_controller")
   endif()]])
 
-# The changelog knows how often this version has been packaged.
-file(STRINGS ${packaging}/changelog newest LIMIT_COUNT 1)
-if(NOT newest MATCHES "^${package} \\(${PROJECT_VERSION}-([0-9]+)\\)")
-  message(FATAL_ERROR "packaging/changelog does not begin with version ${PROJECT_VERSION}")
-endif()
-set(CPACK_DEBIAN_PACKAGE_RELEASE ${CMAKE_MATCH_1})
-set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${packaging}/changelog)
-
-set(CPACK_GENERATOR DEB)
-set(CPACK_VERBATIM_VARIABLES ON)
-set(CPACK_PACKAGE_NAME ${package})
-set(CPACK_PACKAGE_VENDOR Tarvo)
-set(CPACK_PACKAGE_CONTACT "Tarvo Fan Control <fan-control@tarvo.example>")
-set(CPACK_PACKAGING_INSTALL_PREFIX /)
-set(CPACK_STRIP_FILES ON)
-set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS ${CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS})
-set(CPACK_PRE_BUILD_SCRIPTS ${packaging}/stage.cmake)
-set(CPACK_POST_BUILD_SCRIPTS ${packaging}/repack.cmake)
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SECTION admin)
-set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "fan control of a network-attached storage appliance")
 set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
 "Measures the temperature of the board or of the hottest disk, sets the fan
@@ -80,25 +58,15 @@ As installed no fan is touched: the fan driver has to be named in
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     ${packaging}/conffiles ${packaging}/preinst ${packaging}/postinst ${packaging}/prerm
     ${packaging}/postrm)
-set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
-# dpkg-shlibdeps finds the C library's package and version; that of a cross compiler it has to be
-# led to. It has to find libcorvane as well, but that one belongs to no package here, the stand-in
+# dpkg-shlibdeps has to find libcorvane as well, but that one belongs to no package here, the stand-in
 # least of all: its package is named by hand.
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS ${CORVANE_PACKAGE})
 if(CORVANE_LIBRARY)
-  set(libraries ${CORVANE_LIBRARY})
+  set(library ${CORVANE_LIBRARY})
 else()
-  set(libraries ${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/libcorvane.so)
+  set(library ${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/libcorvane.so)
 endif()
-if(CMAKE_CROSSCOMPILING)
-  execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libc.so.6
-                  OUTPUT_VARIABLE libc OUTPUT_STRIP_TRAILING_WHITESPACE)
-  list(APPEND libraries ${libc})
-endif()
-foreach(library IN LISTS libraries)
-  cmake_path(GET library PARENT_PATH folder)
-  list(APPEND CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${folder})
-endforeach()
+cmake_path(GET library PARENT_PATH folder)
+list(APPEND CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${folder})
 include(CPack)

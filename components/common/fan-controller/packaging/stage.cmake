@@ -4,13 +4,15 @@ set(root ${CPACK_TEMPORARY_DIRECTORY})
 # Where /sbin and /lib are links to their counterparts in /usr, as on Debian, a package must not own
 # files through the links. /sbin/fan_controller leads to the program all the same.
 foreach(folder sbin lib)
-  file(RENAME ${root}/${folder} ${root}/usr/${folder})
+  if(EXISTS ${root}/${folder})
+    file(RENAME ${root}/${folder} ${root}/usr/${folder})
+  endif()
 endforeach()
 
 file(GLOB documents ${root}/usr/share/man/man*/* ${root}/usr/share/doc/*/changelog.Debian)
 execute_process(COMMAND gzip -9n ${documents} COMMAND_ERROR_IS_FATAL ANY)
 set(overrides ${root}/usr/share/lintian/overrides)
-file(COPY ${CMAKE_CURRENT_LIST_DIR}/lintian-overrides DESTINATION ${overrides}
+file(COPY ${CPACK_PACKAGING_FOLDER}/lintian-overrides DESTINATION ${overrides}
      FILE_PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 file(RENAME ${overrides}/lintian-overrides ${overrides}/${CPACK_PACKAGE_NAME})
 

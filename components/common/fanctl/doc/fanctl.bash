@@ -1,0 +1,35 @@
+# bash completion for fanctl(8)                                            -*- shell-script -*-
+
+_fanctl() {
+  local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
+  local command='' each options
+  for each in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
+    case $each in check | hardware | link | curve) command=$each && break ;; esac
+  done
+
+  COMPREPLY=()
+  case $before in
+    -c | --config-dir | --to)
+      compopt -o filenames
+      mapfile -t COMPREPLY < <(compgen -d -- "$word")
+      return
+      ;;
+    --svg)
+      compopt -o filenames
+      mapfile -t COMPREPLY < <(compgen -f -- "$word")
+      return
+      ;;
+  esac
+
+  case $command in
+    '') options='check hardware link curve --help --version' ;;
+    link) options='--config-dir --to --at-boot --undo --help' ;;
+    curve) options='--config-dir --json --svg --help' ;;
+    *) options='--config-dir --json --help' ;;
+  esac
+  if [[ $command == link && $word != -* ]]; then
+    options=$(cat /sys/class/hwmon/*/name 2>/dev/null) # the chips of this machine
+  fi
+  mapfile -t COMPREPLY < <(compgen -W "$options" -- "$word")
+}
+complete -F _fanctl fanctl

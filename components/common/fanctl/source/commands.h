@@ -1,0 +1,43 @@
+// The subcommands of fanctl and what all of them are given.
+#pragma once
+
+#include <string>
+
+/// Exit statuses of every subcommand.
+enum ExitStatus : int {
+  EXIT_FINE = 0,
+  EXIT_WARNINGS = 1,
+  EXIT_ERRORS = 2,
+  EXIT_WRONG_USE = 64,  ///< the command line itself is wrong
+};
+
+/// What holds for all subcommands.
+struct Options {
+  std::string configDir = "/etc/fan_controller";
+  bool json = false;
+};
+
+/// Says what the service will do with its configuration on this machine, and what is wrong with it.
+ExitStatus run_check(const Options& options);
+
+/// Lists chips and disks, and what the service could use.
+ExitStatus run_hardware(const Options& options);
+
+struct LinkOptions {
+  std::string chip;  ///< as the user named it, "CHIP" or "CHIP:CHANNEL"; empty: as at boot
+  std::string folder = "/run/fan_controller/fan";
+  bool folderNamed = false;  ///< on the command line
+  std::string sensor;        ///< "CHIP" or "CHIP:NUMBER"; empty: no temperature is linked
+  bool atBoot = false;
+  bool undo = false;
+};
+
+/// Builds, or removes, the folder that the service recognises as a fan driver.
+ExitStatus run_link(const Options& options, const LinkOptions& link);
+
+struct CurveOptions {
+  std::string svgFile;  ///< empty: drawn on the terminal
+};
+
+/// Draws the command over the temperature.
+ExitStatus run_curve(const Options& options, const CurveOptions& curve);

@@ -1,0 +1,101 @@
+#include "disk-state.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <string_view>
+
+#include "ata.h"
+#include "disks.h"
+#include "smart.h"
+#include "utils.h"
+
+namespace {
+
+constexpr unsigned char kCheckPowerMode = 0xE5;
+
+// Where the answer's count field lies in the sense data (SAT): in the ATA status return descriptor,
+// or in the information field of the fixed format.
+constexpr unsigned char kFixedFormat = 0x70;
+constexpr unsigned char kDescriptorFormat = 0x72;
+constexpr unsigned char kResponseMask = 0x7F;
+constexpr std::size_t kDescriptor = 8;
+constexpr unsigned char kAtaStatusReturn = 0x09;
+constexpr std::size_t kDescriptorCount = kDescriptor + 5;
+constexpr std::size_t kDescriptorStatus = kDescriptor + 13;
+constexpr std::size_t kFixedStatus = 4;
+constexpr std::size_t kFixedCount = 6;
+constexpr unsigned char kStatusError = 0x01;
+
+constexpr unsigned char kStandbyZ = 0x00;
+constexpr unsigned char kStandbyY = 0x01;
+
+PowerMode power_mode(unsigned char status, unsigned char count) {
+  if ((status & kStatusError) != 0 || status == 0) return PowerMode::kUnknown;
+  return count == kStandbyZ || count == kStandbyY ? PowerMode::kStandby : PowerMode::kActive;
+}
+
+// The service's identity of a drive: "Model: <model>\tSerial Nb : <serial>".
+void take_identity(const std::string& identity, DiskState& disk) {
+  constexpr std::string_view kModel = "Model: ", kSerial = "\tSerial Nb : ";
+  const std::size_t serial = identity.find(kSerial);
+  if (serial == std::string::npos || !identity.starts_with(kModel)) return;
+  disk.model = identity.substr(kModel.size(), serial - kModel.size());
+  const std::string padded = identity.substr(serial + kSerial.size());
+  const std::size_t first = padded.find_first_not_of(' ');
+  if (first == std::string::npos) return;
+  disk.serial = padded.substr(first, padded.find_last_not_of(' ') - first + 1);
+}
+
+DiskState look_at(const std::string& path) {
+  DiskState disk;
+  disk.path = path;
+  const Descriptor device(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  disk.opened = static_cast<bool>(device);
+  if (!device) return disk;
+  disk.power = ask_power_mode(device.get());
+  disk.answers = disk.power != PowerMode::kUnknown;
+  if (disk.power == PowerMode::kStandby) return disk;
+  disk.temperature = get_smart_attr_value(device.get());
+  take_identity(get_identify_data(device.get()), disk);
+  disk.answers = disk.answers || disk.temperature != 0 || !disk.model.empty();
+  return disk;
+}
+
+}  // namespace
+
+PowerMode ask_power_mode(int fd) {
+  AtaPassThrough16 block{};
+  block.operation_code = ATA_PASS_THROUGH_16;
+  block.protocol = ATA_PROTOCOL_NON_DATA;
+  block.transfer = ATA_CHECK_CONDITION;
+  block.command = kCheckPowerMode;
+  AtaSense sense;
+  if (!send_ata_block(fd, block, nullptr, sense)) return PowerMode::kUnknown;
+  const unsigned char format = sense[0] & kResponseMask;
+  if (format == kDescriptorFormat && sense[kDescriptor] == kAtaStatusReturn) {
+    return power_mode(sense[kDescriptorStatus], sense[kDescriptorCount]);
+  }
+  // What the disk itself could not do is reported in the fixed format as well, with a sense key.
+  constexpr std::size_t kKey = 2;
+  constexpr unsigned char kKeyMask = 0x0F, kRecovered = 0x01;
+  if (format == kFixedFormat && (sense[kKey] & kKeyMask) <= kRecovered) {
+    return power_mode(sense[kFixedStatus], sense[kFixedCount]);
+  }
+  return PowerMode::kUnknown;
+}
+
+DiskList list_disk_states() {
+  DiskList list;
+  std::vector<std::string> paths;
+  const FilePtr partitions(std::fopen(PARTITIONS_FILE, "rb"));
+  list.listed = partitions && list_disks(partitions.get(), paths);
+  for (auto path = paths.begin(); path != paths.end(); ++path) {
+    if (std::find(paths.begin(), path, *path) != path) {
+      ++list.beyondZ;
+    } else {
+      list.disks.push_back(look_at(*path));
+    }
+  }
+  return list;
+}

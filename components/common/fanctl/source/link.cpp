@@ -1,0 +1,572 @@
+// fanctl link: a folder that the service takes for a fan driver, from whatever driver is there.
+//
+// The folder holds the ten names of the known I2C driver: links to the chip's own attributes, with
+// the channel's number mapped to 1, and plain files for what the chip has not. A sub-folder, which
+// the service does not count, holds what is needed to undo it all.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "drivers.h"
+#include "hwmon.h"
+#include "settings.h"
+#include "utils.h"
+
+namespace {
+
+constexpr char kBootFile[] = "fan_link.conf";
+constexpr char kRecordFolder[] = "/.link";
+constexpr char kRecordFile[] = "/.link/record";
+constexpr char kUnfinished[] = ".new";
+constexpr char kSensorFolder[] = "/sensor";
+constexpr char kSensorFile[] = "/sensor/temp1_input";
+constexpr mode_t kFolderMode = 0755;
+constexpr mode_t kFileMode = 0644;
+constexpr mode_t kOthersWrite = S_IWGRP | S_IWOTH;
+constexpr int kBootPatience = 10;  // seconds for the driver's module to be loaded
+
+// Ends the subcommand with a message for the user.
+struct Refusal : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+[[noreturn]] void refuse(std::initializer_list<TextPiece> pieces) { throw Refusal(join(pieces)); }
+
+// --- Files ---
+
+bool exists(const std::string& path) {
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) == 0;
+}
+
+// Writes text to a file; an attribute is told in one go. The error number, 0 for success.
+int write_text(const std::string& path, const std::string& text, int flags) {
+  Descriptor file(::open(path.c_str(), O_WRONLY | O_CLOEXEC | flags, kFileMode));
+  if (!file) return errno;
+  const ssize_t written = ::write(file.get(), text.data(), text.size());
+  const int error = written < 0 ? errno : 0;
+  if (::close(file.release()) != 0 && error == 0) return errno;
+  return error != 0 || written == static_cast<ssize_t>(text.size()) ? error : EIO;
+}
+
+void write_new_file(const std::string& path, const std::string& text) {
+  if (const int error = write_text(path, text, O_CREAT | O_EXCL | O_NOFOLLOW)) {
+    refuse({path, " cannot be written: ", std::strerror(error)});
+  }
+}
+
+void make_folder(const std::string& folder) {
+  if (::mkdir(folder.c_str(), kFolderMode) != 0) {
+    refuse({folder, " cannot be made: ", std::strerror(errno)});
+  }
+}
+
+bool is_readable(const std::string& path) {
+  return !path.empty() && Descriptor(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+}
+
+std::vector<std::string> names_in(const std::string& folder) {
+  std::vector<std::string> names;
+  const DirPtr directory(::opendir(folder.c_str()));
+  while (directory) {
+    const dirent* entry = ::readdir(directory.get());
+    if (entry == nullptr) break;
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  return names;
+}
+
+// Whether there is nothing in a folder but the record's own folder.
+bool is_empty(const std::string& folder) {
+  return std::ranges::all_of(names_in(folder),
+                             [](const std::string& name) { return "/" + name == kRecordFolder; });
+}
+
+// Removes one of our own folders, which holds files, links and the record. The record goes last: it
+// tells whose the folder is, to the next run as well when this one is interrupted.
+void remove_folder(const std::string& folder) {
+  for (const std::string& name : names_in(folder)) {
+    (void)::unlink(join({folder, "/", name}).c_str());
+  }
+  (void)::unlink((folder + kSensorFile).c_str());
+  (void)::rmdir((folder + kSensorFolder).c_str());
+  (void)::unlink((folder + kRecordFile).c_str());
+  (void)::rmdir((folder + kRecordFolder).c_str());
+  (void)::rmdir(folder.c_str());
+}
+
+// --- What was linked, and how the chip was before ---
+
+struct Record {
+  std::string chip;
+  std::string channel;
+  std::string modePath;  ///< empty: the chip has no modes
+  std::string modeBefore;
+};
+
+bool read_record(const std::string& folder, Record& record) {
+  const FilePtr file(std::fopen((folder + kRecordFile).c_str(), "r"));
+  if (!file) return false;
+  Setting line;
+  while (next_setting(file.get(), line)) {
+    if (line.key == "chip") record.chip = line.value;
+    if (line.key == "channel") record.channel = line.value;
+    if (line.key == "mode_path") record.modePath = line.value;
+    if (line.key == "mode_before") record.modeBefore = line.value;
+  }
+  return true;
+}
+
+void write_record(const std::string& folder, const Record& record) {
+  make_folder(folder + kRecordFolder);
+  write_new_file(
+      folder + kRecordFile,
+      join({"# For fanctl link --undo.\nchip=", record.chip, "\nchannel=", record.channel,
+            "\nmode_path=", record.modePath, "\nmode_before=", record.modeBefore, "\n"}));
+}
+
+// Gives the chip back the mode that it had. False, with a message, when it does not take it.
+bool restore_mode(const Record& record) {
+  if (record.modePath.empty() || record.modeBefore.empty()) return true;
+  if (read_attribute(record.modePath) == record.modeBefore) return true;
+  const int error = write_text(record.modePath, record.modeBefore, 0);
+  if (error == 0) return true;
+  (void)std::fprintf(stderr, "%s does not take its former mode %s: %s\n", record.modePath.c_str(),
+                     record.modeBefore.c_str(), std::strerror(error));
+  return false;
+}
+
+// --- The place of the folder ---
+
+std::string without_slash(std::string folder) {
+  while (folder.size() > 1 && folder.ends_with('/')) folder.pop_back();
+  return folder;
+}
+
+// The folder above, in which only its owner may write: what lies there is believed. Two runs must
+// not meet, so it stays locked as long as the object lives.
+class Place {
+ public:
+  explicit Place(const std::string& folder)
+      : m_folder(without_slash(folder)), m_lock(lock_parent()) {}
+
+  const std::string& folder() const { return m_folder; }
+  std::string unfinished() const { return m_folder + kUnfinished; }
+
+ private:
+  int lock_parent() {
+    if (!m_folder.starts_with('/') || m_folder.size() < 2) {
+      refuse({"--to wants a folder with its whole path: ", m_folder});
+    }
+    const std::string parent = m_folder.substr(0, std::max<std::size_t>(m_folder.rfind('/'), 1));
+    (void)::mkdir(parent.c_str(), kFolderMode);
+    Descriptor directory(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory) refuse({parent, " cannot be used: ", std::strerror(errno)});
+    struct stat status {};
+    if (::fstat(directory.get(), &status) != 0 || (status.st_mode & kOthersWrite) != 0) {
+      refuse({"others can write to ", parent, ": choose a folder of root's"});
+    }
+    if (::flock(directory.get(), LOCK_EX | LOCK_NB) != 0) {
+      refuse({"another fanctl link is at work in ", parent});
+    }
+    return directory.release();
+  }
+
+  std::string m_folder;
+  Descriptor m_lock;
+};
+
+[[noreturn]] void refuse_foreign(const std::string& folder) {
+  refuse({folder, " was not made by fanctl link: remove it, or choose another with --to"});
+}
+
+// Whether the folder is there; a folder that fanctl did not make is nobody's to replace.
+bool find_own(const Place& place, Record& record) {
+  if (!exists(place.folder())) return false;
+  if (!read_record(place.folder(), record)) {
+    refuse_foreign(place.folder());
+  }
+  return true;
+}
+
+// A run that was interrupted leaves its unfinished folder, and perhaps the chip in its new mode.
+void clear_unfinished(const Place& place) {
+  const std::string unfinished = place.unfinished();
+  if (!exists(unfinished)) return;
+  Record left, standing;
+  const bool isRecorded = read_record(unfinished, left);
+  const bool stands = read_record(place.folder(), standing);
+  if (isRecorded && (!stands || standing.modePath != left.modePath)) (void)restore_mode(left);
+  // The record is made first and removed last: without it there is nothing else of ours.
+  if (isRecorded || is_empty(unfinished)) remove_folder(unfinished);
+  if (exists(unfinished)) refuse_foreign(unfinished);
+}
+
+// --- Which chip ---
+
+struct Choice {
+  Chip chip;
+  int channel = 1;
+};
+
+std::string real_path(const std::string& path) {
+  char buffer[PATH_MAX];
+  return ::realpath(path.c_str(), buffer) != nullptr ? buffer : std::string();
+}
+
+bool is_meant(const Chip& chip, const std::string& name) {
+  if (name.find('/') == std::string::npos) return chip.name == name || chip.id() == name;
+  const std::string real = real_path(name);
+  return !real.empty() && (real == real_path(chip.folder) || real == chip.device);
+}
+
+std::string list_ids(const std::vector<Chip>& chips) {
+  std::string list;
+  for (const Chip& chip : chips) list += (list.empty() ? "" : ", ") + chip.id();
+  return list.empty() ? "none; load the module of the fan's driver" : list;
+}
+
+// Takes ":2" off the end; a colon within a path belongs to the path.
+int take_channel(std::string& name) {
+  const std::size_t colon = name.rfind(':');
+  if (colon == std::string::npos || colon + 1 == name.size()) return 1;
+  const std::string digits = name.substr(colon + 1);
+  if (digits.find_first_not_of("0123456789") != std::string::npos) return 1;
+  if (name.find('/') != std::string::npos && exists(name)) return 1;
+  name.resize(colon);
+  return parse_int(digits.c_str());
+}
+
+Choice choose(const std::string& wanted) {
+  Choice choice;
+  std::string name = wanted;
+  choice.channel = take_channel(name);
+  const std::vector<Chip> all = list_chips();
+  std::vector<Chip> meant;
+  std::ranges::copy_if(all, std::back_inserter(meant),
+                       [&](const Chip& chip) { return is_meant(chip, name); });
+  if (meant.empty()) refuse({"there is no chip ", name, ". There are: ", list_ids(all)});
+  if (meant.size() > 1) refuse({"more than one chip is called ", name, ": ", list_ids(meant)});
+  choice.chip = meant.front();
+  return choice;
+}
+
+// --- What the folder will hold ---
+
+// From which of the chip's attributes an entry is taken, the first that can be read; # stands for
+// the channel's number. Without one it is a plain file.
+struct EntryRow {
+  std::string_view entry;
+  std::vector<std::string> attributes;
+  const char* neutral;
+};
+
+struct Plan {
+  bool closeLoop = false;
+  std::map<std::string, std::string> links;
+  std::map<std::string, std::string> files;
+  std::string modePath;
+  std::string mode;
+  std::string commandPath;
+  std::string sensor;  ///< the temperature's attribute; empty when none is wanted
+};
+
+std::string with_number(std::string attribute, int number) {
+  const std::size_t place = attribute.find('#');
+  if (place != std::string::npos) attribute.replace(place, 1, std::to_string(number));
+  return attribute;
+}
+
+std::string channel_list(const Chip& chip) {
+  std::vector<int> channels = chip.numbers("pwm", "");
+  for (const int n : chip.numbers("fan", "_target")) channels.push_back(n);
+  std::ranges::sort(channels);
+  channels.erase(std::unique(channels.begin(), channels.end()), channels.end());
+  std::string list;
+  for (const int n : channels) list += (list.empty() ? "" : ", ") + std::to_string(n);
+  return list;
+}
+
+Plan make_plan(const Choice& choice) {
+  const Chip& chip = choice.chip;
+  const auto find = [&](const std::string& attribute) {
+    return chip.find(with_number(attribute, choice.channel));
+  };
+  Plan plan;
+  plan.closeLoop = find("pwm#").empty();
+  plan.commandPath = find(plan.closeLoop ? "fan#_target" : "pwm#");
+  if (plan.commandPath.empty()) {
+    const std::string channels = channel_list(chip);
+    if (channels.empty()) {
+      refuse(
+          {chip.id(), " has neither a PWM nor a target speed: no fan can be controlled with it"});
+    }
+    refuse({chip.id(), " has no channel ", choice.channel, ". It has: ", channels});
+  }
+  if (!Descriptor(::open(plan.commandPath.c_str(), O_WRONLY | O_CLOEXEC))) {
+    refuse({plan.commandPath, " cannot be written: ", std::strerror(errno)});
+  }
+  plan.modePath = find("pwm#_enable");
+  plan.mode = manual_mode(chip.name, plan.closeLoop);
+
+  const EntryRow rows[] = {
+      {"fan1_alarm", {"fan#_alarm", "fan#_fault", "fan#_min_alarm"}, "0"},
+      {"fan1_div", {"fan#_div"}, "1"},
+      {"fan1_input", {"fan#_input"}, "0"},
+      {"fan1_target", {"fan#_target"}, "0"},
+      {"modalias", {"modalias"}, "none"},
+      {"name", {"name"}, "fan"},
+      {"pwm1", {"pwm#"}, "0"},
+      // The service knows one number for a target speed; the chip may have another.
+      {"pwm1_enable",
+       plan.closeLoop ? std::vector<std::string>{} : std::vector<std::string>{"pwm#_enable"},
+       plan.closeLoop ? "2" : "1"},
+      {"pwm1_mode", {"pwm#_mode"}, "1"},
+      {"uevent", {"uevent"}, "none"},
+  };
+  for (const EntryRow& row : rows) {
+    std::string source;
+    for (const std::string& attribute : row.attributes) {
+      const std::string path = find(attribute);
+      if (source.empty() && is_readable(path)) source = path;
+    }
+    if (source.empty()) {
+      plan.files[std::string(row.entry)] = row.neutral;
+    } else {
+      plan.links[std::string(row.entry)] = source;
+    }
+  }
+  return plan;
+}
+
+// The attribute of a temperature named CHIP or CHIP:NUMBER.
+std::string sensor_path(const Choice& choice) {
+  const std::string path = choice.chip.find(with_number("temp#_input", choice.channel));
+  if (!read_attribute(path)) {
+    refuse({choice.chip.id(), " has no temperature ", choice.channel, " that can be read"});
+  }
+  return path;
+}
+
+// --- Making it ---
+
+void make_link(const std::string& target, const std::string& path) {
+  if (::symlink(target.c_str(), path.c_str()) != 0) {
+    refuse({path, " cannot be made: ", std::strerror(errno)});
+  }
+}
+
+void build(const std::string& folder, const Plan& plan, const Record& record) {
+  make_folder(folder);
+  write_record(folder, record);
+  for (const auto& [name, target] : plan.links) make_link(target, join({folder, "/", name}));
+  for (const auto& [name, text] : plan.files) {
+    write_new_file(join({folder, "/", name}), text + "\n");
+  }
+  if (!plan.sensor.empty()) {  // in a sub-folder, which the service does not count
+    make_folder(folder + kSensorFolder);
+    make_link(plan.sensor, folder + kSensorFile);
+  }
+  const DirPtr directory(::opendir(folder.c_str()));
+  const DriverRow* row =
+      directory ? match_driver(list_readable_entries(directory.get(), folder)) : nullptr;
+  if (row == nullptr || row->kind != FAN_DRIVER_I2C) {
+    refuse({"the service would not recognise the folder: can all of the chip's files be read?"});
+  }
+}
+
+void set_mode(const Plan& plan) {
+  if (plan.modePath.empty()) return;
+  const int error = write_text(plan.modePath, plan.mode, 0);
+  if (error != 0) {
+    refuse({plan.modePath, " does not take mode ", plan.mode, ": ", std::strerror(error)});
+  }
+  const auto mode = read_attribute(plan.modePath);
+  if (!mode || *mode != plan.mode) {
+    refuse({plan.modePath, " reads ", mode.value_or("nothing"), " after mode ", plan.mode,
+            " was written: the chip does not take commands"});
+  }
+}
+
+// In one step: whoever looks sees the old folder or the new one.
+void put_in_place(const Place& place) {
+  const std::string from = place.unfinished();
+  const bool replaces = exists(place.folder());
+  const int result = replaces ? ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD,
+                                            place.folder().c_str(), RENAME_EXCHANGE)
+                              : ::rename(from.c_str(), place.folder().c_str());
+  if (result != 0) refuse({place.folder(), " cannot be put in place: ", std::strerror(errno)});
+  if (replaces) remove_folder(from);
+}
+
+void link_chip(const Choice& choice, const std::string& sensor, const std::string& folder) {
+  const Place place(folder);
+  clear_unfinished(place);
+  Record former;
+  const bool replaces = find_own(place, former);
+  Plan plan = make_plan(choice);
+  plan.sensor = sensor;
+
+  Record record{choice.chip.id(), std::to_string(choice.channel), plan.modePath, ""};
+  const bool sameMode = replaces && former.modePath == plan.modePath;
+  record.modeBefore = sameMode ? former.modeBefore : read_attribute(plan.modePath).value_or("");
+  try {
+    build(place.unfinished(), plan, record);
+    set_mode(plan);
+    put_in_place(place);
+  } catch (const Refusal&) {
+    if (!sameMode && exists(place.unfinished())) (void)restore_mode(record);
+    remove_folder(place.unfinished());
+    throw;
+  }
+  if (replaces && !sameMode) (void)restore_mode(former);
+
+  (void)std::printf("%s: %s, channel %d", place.folder().c_str(), record.chip.c_str(),
+                    choice.channel);
+  if (!plan.modePath.empty()) {
+    (void)std::printf(", %s (was %s)", mode_name(choice.chip.name, plan.mode).c_str(),
+                      mode_name(choice.chip.name, record.modeBefore).c_str());
+  }
+  (void)std::printf("\nCommands are %s.\n",
+                    plan.closeLoop ? "revolutions per minute" : "0 (stopped) to 255 (full power)");
+}
+
+ExitStatus undo(const std::string& folder) {
+  const Place place(folder);
+  clear_unfinished(place);
+  Record record;
+  if (!find_own(place, record)) {
+    (void)std::printf("%s is not there: nothing to undo\n", place.folder().c_str());
+    return EXIT_FINE;
+  }
+  const bool restored = restore_mode(record);  // first: the folder holds what is needed for it
+  remove_folder(place.folder());
+  (void)std::printf("%s is removed\n", place.folder().c_str());
+  return restored ? EXIT_FINE : EXIT_WARNINGS;
+}
+
+// --- At boot ---
+
+struct BootLink {
+  std::string chip;
+  std::string folder;
+  std::string sensor;
+};
+
+// Written beside the file, to be renamed into place once the chip is linked.
+void prepare_boot_file(const std::string& beside, const BootLink& boot) {
+  (void)::unlink(beside.c_str());
+  std::string text = "# Made before each start of the service. Written by fanctl link --at-boot.\n";
+  text += join({"chip=", boot.chip, "\nfolder=", boot.folder, "\n"});
+  if (!boot.sensor.empty()) text += join({"sensor=", boot.sensor, "\n"});
+  write_new_file(beside, text);
+}
+
+std::string full_name(const Choice& choice) {
+  return join({choice.chip.id(), ":", choice.channel});
+}
+
+// False: there is no such file.
+bool read_boot_file(const std::string& path, BootLink& boot) {
+  const FilePtr file(std::fopen(path.c_str(), "r"));
+  if (!file) {
+    if (errno == ENOENT) return false;
+    refuse({path, " cannot be read: ", std::strerror(errno)});
+  }
+  Setting line;
+  while (next_setting(file.get(), line)) {
+    if (line.key == "chip") boot.chip = line.value;
+    if (line.key == "folder") boot.folder = line.value;
+    if (line.key == "sensor") boot.sensor = line.value;
+  }
+  if (boot.chip.empty()) refuse({path, " names no chip: write chip=NAME, see fanctl hardware"});
+  return true;
+}
+
+// The driver's module may still be on its way.
+Choice choose_patiently(const std::string& chip) {
+  for (int second = 0; second < kBootPatience; ++second) {
+    try {
+      return choose(chip);
+    } catch (const Refusal&) {
+      (void)::sleep(1);
+    }
+  }
+  return choose(chip);
+}
+
+ExitStatus link_at_boot(const std::string& path, const LinkOptions& link) {
+  BootLink boot{"", link.folder, ""};
+  if (!read_boot_file(path, boot)) {
+    (void)std::printf("%s is not there: nothing to link\n", path.c_str());
+    return EXIT_FINE;
+  }
+  const Choice choice = choose_patiently(boot.chip);
+  const std::string sensor = boot.sensor.empty() ? "" : sensor_path(choose_patiently(boot.sensor));
+  link_chip(choice, sensor, boot.folder);
+  return EXIT_FINE;
+}
+
+ExitStatus link_now(const std::string& bootFile, const LinkOptions& link) {
+  const Choice choice = choose(link.chip);
+  const std::string folder = without_slash(link.folder);
+  const std::string beside = bootFile + kUnfinished;
+  BootLink boot{full_name(choice), folder, ""};
+  std::string sensor;
+  if (!link.sensor.empty()) {
+    const Choice sensorChoice = choose(link.sensor);
+    sensor = sensor_path(sensorChoice);
+    boot.sensor = full_name(sensorChoice);
+  }
+  if (link.atBoot) prepare_boot_file(beside, boot);
+  try {
+    link_chip(choice, sensor, folder);
+  } catch (const Refusal&) {
+    if (link.atBoot) (void)::unlink(beside.c_str());
+    throw;
+  }
+  if (link.atBoot) {
+    if (::rename(beside.c_str(), bootFile.c_str()) != 0) {
+      refuse({bootFile, " cannot be written: ", std::strerror(errno)});
+    }
+    (void)std::printf("%s: the folder is made before each start of the service.\n",
+                      bootFile.c_str());
+  }
+  (void)std::printf("Name it in fan_controller.conf:\nfan_driver_sysfs_dir=%s\n", folder.c_str());
+  if (!sensor.empty()) {
+    (void)std::printf("temp_sensor_sysfs_entry=%s%s\n", folder.c_str(), kSensorFile);
+  }
+  return EXIT_FINE;
+}
+
+}  // namespace
+
+ExitStatus run_link(const Options& options, const LinkOptions& link) {
+  const std::string bootFile = join({options.configDir, "/", kBootFile});
+  try {
+    if (link.undo) {
+      BootLink boot{"", link.folder, ""};
+      if (!link.folderNamed) (void)read_boot_file(bootFile, boot);
+      return undo(boot.folder);
+    }
+    return link.chip.empty() ? link_at_boot(bootFile, link) : link_now(bootFile, link);
+  } catch (const Refusal& refusal) {
+    (void)std::fprintf(stderr, "fanctl link: %s\n", refusal.what());
+    return EXIT_ERRORS;
+  }
+}
