@@ -39,12 +39,11 @@ void finds(const Board& board, const Lines& expected, const std::string& file = 
   const Fanctl run(board, {"check"});
   CAPTURE(run.output);
   const Lines paragraphs = split(run.output, "\n\n");
-  REQUIRE(paragraphs.size() == (expected.empty() ? 1 : 2));
   CHECK(paragraphs.back().starts_with("driver "));
-  const Lines lines = expected.empty() ? Lines{} : split(paragraphs[0], "\n");
-  REQUIRE(lines.size() == expected.size());
+  const Lines lines = paragraphs.size() == 1 ? Lines{} : split(paragraphs[0], "\n");
+  CHECK(lines.size() == expected.size());
   int status = 0;
-  for (std::size_t i = 0; i < lines.size(); ++i) {
+  for (std::size_t i = 0; i < std::min(lines.size(), expected.size()); ++i) {
     std::string place, kind, part;
     std::istringstream text(expected[i]);
     text >> place >> kind >> std::ws;
@@ -125,7 +124,7 @@ TEST_CASE("mistakes in fan_cmd_tab.conf") {
   each_finds(R"(
 # nothing | 1 error there is no step: the fan is stopped, and every temperature above 0
 #\n40=100 | 2 warning the only step
-35=90\n55=255\n35=100 | 3 warning 35 degrees stand in line 1 already
+35=90\n55=255\n35=-1 | 3 warning 35 degrees stand in line 1 already; 3 error -1 is negative
 55=255\n45=80\n35=90 | 2 warning falls to 80 while the temperature rises to 45
 35=-1\n55=255 | 1 error the command -1 is negative
 35=90\n55=256 | 2 error 256 is above 255
@@ -253,10 +252,11 @@ TEST_CASE("right configurations stay silent") {
     board.fan("/run/fan_controller/fan", false);
     board.write("/run/fan_controller/fan/sensor/temp1_input", "36000\n");
     board.write("/proc/partitions", " 8 0 9 sda\n");
-    board.disk("sda", "temperature=38\n");
+    board.disk("sda", "temperature=38\npower=standby\n");
     board.config(content_of(entry.path()),
                  content_of(entry.path().parent_path() / "fan_cmd_tab.conf"));
     finds(board, {});
+    CHECK(board.journal({"woken"}).empty());
     ++shipped;
   }
   CHECK(shipped == 4);

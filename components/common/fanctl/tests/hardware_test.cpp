@@ -12,7 +12,7 @@ struct FullBoard : Board {
                 "temp1_input=41250 temp1_label=re\x7fmote temp10_input=-5500"},
                {10, "f75375", "platform/fan.656",
                 "pwm1=100 pwm1_enable=3 fan1_target=900 fan2_target=2000", true},
-               {2, "nvme", "", "temp1_input=x"}}) {
+               {2, "drivetemp", "scsi/2:0:1:3", "temp1_input=x"}}) {
     write("/proc/partitions", " 8 0 9 sda\n 8 16 9 sdb\n 8 32 9 sdc\n 8 33 9 sdc1\n 8 0 9 sdd\n");
     disk("sda", "temperature=38\nmodel=DISK A\nserial=  S1\n");
     disk("sdb", "temperature=50\nmodel=DISK B\npower=standby\n");
@@ -38,7 +38,7 @@ adt7475-i2c-0-2e  /sys/bus/i2c/devices/0-002e
   fan2         900 rpm
   temp1        41.2 C  re?mote                         --sensor adt7475
   temp10       -5.5 C                                  --sensor adt7475:10
-nvme-virtual-0  /sys/class/hwmon/hwmon2
+drivetemp-scsi-2-13  /sys/bus/scsi/devices/2:0:1:3
   temp1        cannot be read
 f75375-isa-0290  /sys/bus/platform/devices/fan.656
   pwm1         100 of 255, target speed (3)            fanctl link f75375
@@ -72,8 +72,8 @@ TEST_CASE("JSON") {
                       {"number": 10, "celsius": -5.5,
                        "link": "--sensor adt7475:10",
                        "path": "/sys/class/hwmon/hwmon0/temp10_input"}]},
-    {"name": "nvme", "id": "nvme-virtual-0", "folder": "/sys/class/hwmon/hwmon2", "channels": [],
-     "fans": [],
+    {"name": "drivetemp", "id": "drivetemp-scsi-2-13", "folder": "/sys/class/hwmon/hwmon2",
+     "path": "/sys/bus/scsi/devices/2:0:1:3", "channels": [], "fans": [],
      "temperatures": [{"number": 1, "path": "/sys/class/hwmon/hwmon2/temp1_input"}]},
     {"name": "f75375", "id": "f75375-isa-0290", "folder": "/sys/class/hwmon/hwmon10",
      "path": "/sys/bus/platform/devices/fan.656",
