@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "alert-flags.h"
+#include "files.h"
 #include "findings.h"
 #include "utils.h"
 
@@ -17,7 +18,6 @@ namespace {
 
 constexpr int kMillidegrees = 1000;
 constexpr int kColdest = -40, kHottest = 150;
-constexpr mode_t kOthersWrite = S_IWGRP | S_IWOTH;
 
 class MachineFindings {
  public:
@@ -53,7 +53,7 @@ void check_stable(const char* key, const std::string& path, const char* instead,
 }
 
 bool others_can_write(const struct stat& status) {
-  return (status.st_mode & kOthersWrite) != 0 ||
+  return (status.st_mode & OTHERS_WRITE) != 0 ||
          (status.st_uid != 0 && status.st_uid != ::geteuid());
 }
 
@@ -213,11 +213,6 @@ void check_disks(const Machine& machine, MachineFindings& findings) {
 }
 
 // --- What is written ---
-
-std::string parent_of(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  return slash == std::string::npos ? "." : path.substr(0, std::max<std::size_t>(slash, 1));
-}
 
 void check_status_file(const std::string& path, MachineFindings& findings) {
   if (path.empty()) return;

@@ -1,44 +1,18 @@
 #include "hwmon.h"
 
-#include <dirent.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <climits>
 #include <cstdio>
-#include <cstdlib>
 #include <iterator>
 #include <set>
 
+#include "files.h"
 #include "utils.h"
 
 namespace {
 
 constexpr char kClass[] = "/sys/class/hwmon";
 
-bool exists(const std::string& path) {
-  struct stat status {};
-  return ::stat(path.c_str(), &status) == 0;
-}
-
-std::string real_path(const std::string& path) {
-  char buffer[PATH_MAX];
-  return ::realpath(path.c_str(), buffer) != nullptr ? buffer : std::string();
-}
-
 std::string base_name(const std::string& path) { return path.substr(path.rfind('/') + 1); }
-
-std::vector<std::string> names_in(const std::string& folder) {
-  std::vector<std::string> names;
-  const DirPtr directory(::opendir(folder.c_str()));
-  while (directory) {
-    const dirent* entry = ::readdir(directory.get());
-    if (entry == nullptr) break;
-    names.emplace_back(entry->d_name);
-  }
-  return names;
-}
 
 // How a kind of bus writes the address of a device, by the device's name in sysfs: an I2C device is
 // "0-002e", a PCI device "0000:00:18.3", a SCSI one "2:0:0:0", a platform device "nct6775.656".

@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,7 +21,8 @@
 
 #include "commands.h"
 #include "drivers.h"
-#include "hwmon.h"
+#include "files.h"
+#include "link-plan.h"
 #include "settings.h"
 #include "utils.h"
 
@@ -35,33 +35,9 @@ constexpr char kUnfinished[] = ".new";
 constexpr char kSensorFolder[] = "/sensor";
 constexpr char kSensorFile[] = "/sensor/temp1_input";
 constexpr mode_t kFolderMode = 0755;
-constexpr mode_t kFileMode = 0644;
-constexpr mode_t kOthersWrite = S_IWGRP | S_IWOTH;
 constexpr int kBootPatience = 10;  // seconds for the driver's module to be loaded
 
-// Ends the subcommand with a message for the user.
-struct Refusal : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
-
-[[noreturn]] void refuse(std::initializer_list<TextPiece> pieces) { throw Refusal(join(pieces)); }
-
 // --- Files ---
-
-bool exists(const std::string& path) {
-  struct stat status {};
-  return ::lstat(path.c_str(), &status) == 0;
-}
-
-// Writes text to a file; an attribute is told in one go. The error number, 0 for success.
-int write_text(const std::string& path, const std::string& text, int flags) {
-  Descriptor file(::open(path.c_str(), O_WRONLY | O_CLOEXEC | flags, kFileMode));
-  if (!file) return errno;
-  const ssize_t written = ::write(file.get(), text.data(), text.size());
-  const int error = written < 0 ? errno : 0;
-  if (::close(file.release()) != 0 && error == 0) return errno;
-  return error != 0 || written == static_cast<ssize_t>(text.size()) ? error : EIO;
-}
 
 void write_new_file(const std::string& path, const std::string& text) {
   if (const int error = write_text(path, text, O_CREAT | O_EXCL | O_NOFOLLOW)) {
@@ -73,22 +49,6 @@ void make_folder(const std::string& folder) {
   if (::mkdir(folder.c_str(), kFolderMode) != 0) {
     refuse({folder, " cannot be made: ", std::strerror(errno)});
   }
-}
-
-bool is_readable(const std::string& path) {
-  return !path.empty() && Descriptor(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-}
-
-std::vector<std::string> names_in(const std::string& folder) {
-  std::vector<std::string> names;
-  const DirPtr directory(::opendir(folder.c_str()));
-  while (directory) {
-    const dirent* entry = ::readdir(directory.get());
-    if (entry == nullptr) break;
-    const std::string name = entry->d_name;
-    if (name != "." && name != "..") names.push_back(name);
-  }
-  return names;
 }
 
 // Whether there is nothing in a folder but the record's own folder.
@@ -178,7 +138,7 @@ class Place {
     Descriptor directory(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory) refuse({parent, " cannot be used: ", std::strerror(errno)});
     struct stat status {};
-    if (::fstat(directory.get(), &status) != 0 || (status.st_mode & kOthersWrite) != 0) {
+    if (::fstat(directory.get(), &status) != 0 || (status.st_mode & OTHERS_WRITE) != 0) {
       refuse({"others can write to ", parent, ": choose a folder of root's"});
     }
     if (::flock(directory.get(), LOCK_EX | LOCK_NB) != 0) {
@@ -215,152 +175,6 @@ void clear_unfinished(const Place& place) {
   // The record is made first and removed last: without it there is nothing else of ours.
   if (isRecorded || is_empty(unfinished)) remove_folder(unfinished);
   if (exists(unfinished)) refuse_foreign(unfinished);
-}
-
-// --- Which chip ---
-
-struct Choice {
-  Chip chip;
-  int channel = 1;
-};
-
-std::string real_path(const std::string& path) {
-  char buffer[PATH_MAX];
-  return ::realpath(path.c_str(), buffer) != nullptr ? buffer : std::string();
-}
-
-bool is_meant(const Chip& chip, const std::string& name) {
-  if (name.find('/') == std::string::npos) return chip.name == name || chip.id() == name;
-  const std::string real = real_path(name);
-  return !real.empty() && (real == real_path(chip.folder) || real == chip.device);
-}
-
-std::string list_ids(const std::vector<Chip>& chips) {
-  std::string list;
-  for (const Chip& chip : chips) list += (list.empty() ? "" : ", ") + chip.id();
-  return list.empty() ? "none; load the module of the fan's driver" : list;
-}
-
-// Takes ":2" off the end; a colon within a path belongs to the path.
-int take_channel(std::string& name) {
-  const std::size_t colon = name.rfind(':');
-  if (colon == std::string::npos || colon + 1 == name.size()) return 1;
-  const std::string digits = name.substr(colon + 1);
-  if (digits.find_first_not_of("0123456789") != std::string::npos) return 1;
-  if (name.find('/') != std::string::npos && exists(name)) return 1;
-  name.resize(colon);
-  return parse_int(digits.c_str());
-}
-
-Choice choose(const std::string& wanted) {
-  Choice choice;
-  std::string name = wanted;
-  choice.channel = take_channel(name);
-  const std::vector<Chip> all = list_chips();
-  std::vector<Chip> meant;
-  std::ranges::copy_if(all, std::back_inserter(meant),
-                       [&](const Chip& chip) { return is_meant(chip, name); });
-  if (meant.empty()) refuse({"there is no chip ", name, ". There are: ", list_ids(all)});
-  if (meant.size() > 1) refuse({"more than one chip is called ", name, ": ", list_ids(meant)});
-  choice.chip = meant.front();
-  return choice;
-}
-
-// --- What the folder will hold ---
-
-// From which of the chip's attributes an entry is taken, the first that can be read; # stands for
-// the channel's number. Without one it is a plain file.
-struct EntryRow {
-  std::string_view entry;
-  std::vector<std::string> attributes;
-  const char* neutral;
-};
-
-struct Plan {
-  bool closeLoop = false;
-  std::map<std::string, std::string> links;
-  std::map<std::string, std::string> files;
-  std::string modePath;
-  std::string mode;
-  std::string commandPath;
-  std::string sensor;  ///< the temperature's attribute; empty when none is wanted
-};
-
-std::string with_number(std::string attribute, int number) {
-  const std::size_t place = attribute.find('#');
-  if (place != std::string::npos) attribute.replace(place, 1, std::to_string(number));
-  return attribute;
-}
-
-std::string channel_list(const Chip& chip) {
-  std::vector<int> channels = chip.numbers("pwm", "");
-  for (const int n : chip.numbers("fan", "_target")) channels.push_back(n);
-  std::ranges::sort(channels);
-  channels.erase(std::unique(channels.begin(), channels.end()), channels.end());
-  std::string list;
-  for (const int n : channels) list += (list.empty() ? "" : ", ") + std::to_string(n);
-  return list;
-}
-
-Plan make_plan(const Choice& choice) {
-  const Chip& chip = choice.chip;
-  const auto find = [&](const std::string& attribute) {
-    return chip.find(with_number(attribute, choice.channel));
-  };
-  Plan plan;
-  plan.closeLoop = find("pwm#").empty();
-  plan.commandPath = find(plan.closeLoop ? "fan#_target" : "pwm#");
-  if (plan.commandPath.empty()) {
-    const std::string channels = channel_list(chip);
-    if (channels.empty()) {
-      refuse(
-          {chip.id(), " has neither a PWM nor a target speed: no fan can be controlled with it"});
-    }
-    refuse({chip.id(), " has no channel ", choice.channel, ". It has: ", channels});
-  }
-  if (!Descriptor(::open(plan.commandPath.c_str(), O_WRONLY | O_CLOEXEC))) {
-    refuse({plan.commandPath, " cannot be written: ", std::strerror(errno)});
-  }
-  plan.modePath = find("pwm#_enable");
-  plan.mode = manual_mode(chip.name, plan.closeLoop);
-
-  const EntryRow rows[] = {
-      {"fan1_alarm", {"fan#_alarm", "fan#_fault", "fan#_min_alarm"}, "0"},
-      {"fan1_div", {"fan#_div"}, "1"},
-      {"fan1_input", {"fan#_input"}, "0"},
-      {"fan1_target", {"fan#_target"}, "0"},
-      {"modalias", {"modalias"}, "none"},
-      {"name", {"name"}, "fan"},
-      {"pwm1", {"pwm#"}, "0"},
-      // The service knows one number for a target speed; the chip may have another.
-      {"pwm1_enable",
-       plan.closeLoop ? std::vector<std::string>{} : std::vector<std::string>{"pwm#_enable"},
-       plan.closeLoop ? "2" : "1"},
-      {"pwm1_mode", {"pwm#_mode"}, "1"},
-      {"uevent", {"uevent"}, "none"},
-  };
-  for (const EntryRow& row : rows) {
-    std::string source;
-    for (const std::string& attribute : row.attributes) {
-      const std::string path = find(attribute);
-      if (source.empty() && is_readable(path)) source = path;
-    }
-    if (source.empty()) {
-      plan.files[std::string(row.entry)] = row.neutral;
-    } else {
-      plan.links[std::string(row.entry)] = source;
-    }
-  }
-  return plan;
-}
-
-// The attribute of a temperature named CHIP or CHIP:NUMBER.
-std::string sensor_path(const Choice& choice) {
-  const std::string path = choice.chip.find(with_number("temp#_input", choice.channel));
-  if (!read_attribute(path)) {
-    refuse({choice.chip.id(), " has no temperature ", choice.channel, " that can be read"});
-  }
-  return path;
 }
 
 // --- Making it ---

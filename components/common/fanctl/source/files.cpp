@@ -1,0 +1,58 @@
+#include "files.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+
+#include "utils.h"
+
+namespace {
+
+constexpr mode_t kFileMode = 0644;
+
+}  // namespace
+
+bool exists(const std::string& path) {
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) == 0;
+}
+
+bool is_readable(const std::string& path) {
+  return !path.empty() && Descriptor(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+}
+
+std::string real_path(const std::string& path) {
+  char buffer[PATH_MAX];
+  return ::realpath(path.c_str(), buffer) != nullptr ? buffer : std::string();
+}
+
+std::string parent_of(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "." : path.substr(0, std::max<std::size_t>(slash, 1));
+}
+
+std::vector<std::string> names_in(const std::string& folder) {
+  std::vector<std::string> names;
+  const DirPtr directory(::opendir(folder.c_str()));
+  while (directory) {
+    const dirent* entry = ::readdir(directory.get());
+    if (entry == nullptr) break;
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  return names;
+}
+
+int write_text(const std::string& path, const std::string& text, int flags) {
+  Descriptor file(::open(path.c_str(), O_WRONLY | O_CLOEXEC | flags, kFileMode));
+  if (!file) return errno;
+  const ssize_t written = ::write(file.get(), text.data(), text.size());
+  const int error = written < 0 ? errno : 0;
+  if (::close(file.release()) != 0 && error == 0) return errno;
+  return error != 0 || written == static_cast<ssize_t>(text.size()) ? error : EIO;
+}

@@ -1,0 +1,28 @@
+// Small dealings with files and folders.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <string>
+#include <vector>
+
+inline constexpr mode_t OTHERS_WRITE = S_IWGRP | S_IWOTH;
+
+/// Whether there is anything of this name; a link counts by itself, wherever it leads.
+bool exists(const std::string& path);
+
+/// Whether the file can be opened for reading; a pipe is not waited for. False for an empty path.
+bool is_readable(const std::string& path);
+
+/// The path without links; empty when it leads nowhere.
+std::string real_path(const std::string& path);
+
+/// The folder that a path lies in; "." for a bare name.
+std::string parent_of(const std::string& path);
+
+/// The names in a folder but "." and ".."; none when it cannot be read.
+std::vector<std::string> names_in(const std::string& folder);
+
+/// Writes text to a file in one go, as an attribute wants it. flags: of open(), beside O_WRONLY.
+/// The error number, 0 for success.
+int write_text(const std::string& path, const std::string& text, int flags);

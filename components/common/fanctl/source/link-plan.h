@@ -1,0 +1,43 @@
+// What fanctl link is to do: the chip that is meant, and what its folder will hold.
+#pragma once
+
+#include <initializer_list>
+#include <map>
+#include <stdexcept>
+#include <string>
+
+#include "hwmon.h"
+#include "utils.h"
+
+/// Ends the subcommand with a message for the user.
+struct Refusal : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+[[noreturn]] void refuse(std::initializer_list<TextPiece> pieces);
+
+/// A chip, and the number of one of its PWMs or temperatures.
+struct Choice {
+  Chip chip;
+  int channel = 1;
+};
+
+/// Finds what "NAME" or "NAME:NUMBER" means; NAME is a chip's name, its name with its address, or a
+/// path. Refuses when there is no such chip, or more than one.
+Choice choose(const std::string& wanted);
+
+struct Plan {
+  bool closeLoop = false;
+  std::map<std::string, std::string> links;  ///< entry to the chip's attribute
+  std::map<std::string, std::string> files;  ///< entry to a neutral value
+  std::string modePath;                      ///< empty: the chip has no modes
+  std::string mode;                          ///< in which it takes commands
+  std::string commandPath;
+  std::string sensor;  ///< the temperature's attribute; empty when none is wanted
+};
+
+/// What the folder of a channel will hold. Refuses a channel that does not exist or cannot be
+/// controlled.
+Plan make_plan(const Choice& choice);
+
+/// The attribute of a temperature. Refuses one that cannot be read.
+std::string sensor_path(const Choice& choice);
