@@ -70,7 +70,8 @@ void check_number(const std::string& text, const char* what, LineFindings& line)
   if (end == text.c_str()) {
     line.error({what, " has no number and counts as 0: write a whole number"});
   } else if (errno == ERANGE || whole > INT_MAX || whole < INT_MIN) {
-    line.error({what, " is too large and counts as ", number, ": write a smaller number"});
+    line.error({what, " is beyond what the service can hold and counts as ", number,
+                ": write a number nearer to 0"});
   } else if (!trimmed(end).empty()) {
     line.warning(
         {what, " counts as ", number, ", \"", trimmed(end), "\" behind it is ignored: remove it"});
