@@ -31,6 +31,11 @@ std::string real_path(const std::string& path) {
   return ::realpath(path.c_str(), buffer) != nullptr ? buffer : std::string();
 }
 
+std::string in_real_folder(const std::string& path) {
+  if (path.empty()) return {};
+  return join({real_path(parent_of(path)), "/", path.substr(path.rfind('/') + 1)});
+}
+
 std::string parent_of(const std::string& path) {
   const std::size_t slash = path.rfind('/');
   return slash == std::string::npos ? "." : path.substr(0, std::max<std::size_t>(slash, 1));
@@ -52,7 +57,7 @@ int write_text(const std::string& path, const std::string& text, int flags) {
   Descriptor file(::open(path.c_str(), O_WRONLY | O_CLOEXEC | flags, kFileMode));
   if (!file) return errno;
   const ssize_t written = ::write(file.get(), text.data(), text.size());
-  const int error = written < 0 ? errno : 0;
+  const int error = written < 0 || ((flags & O_CREAT) != 0 && ::fsync(file.get()) != 0) ? errno : 0;
   if (::close(file.release()) != 0 && error == 0) return errno;
   return error != 0 || written == static_cast<ssize_t>(text.size()) ? error : EIO;
 }

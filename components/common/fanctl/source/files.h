@@ -17,12 +17,15 @@ bool is_readable(const std::string& path);
 /// The path without links; empty when it leads nowhere.
 std::string real_path(const std::string& path);
 
+/// The same file by the real path of its folder; empty for an empty path.
+std::string in_real_folder(const std::string& path);
+
 /// The folder that a path lies in; "." for a bare name.
 std::string parent_of(const std::string& path);
 
 /// The names in a folder but "." and ".."; none when it cannot be read.
 std::vector<std::string> names_in(const std::string& folder);
 
-/// Writes text to a file in one go, as an attribute wants it. flags: of open(), beside O_WRONLY.
-/// The error number, 0 for success.
+/// Writes text to a file in one go, as an attribute wants it; a new file (O_CREAT) is on the disk
+/// afterwards. flags: of open(), beside O_WRONLY. The error number, 0 for success.
 int write_text(const std::string& path, const std::string& text, int flags);

@@ -14,8 +14,9 @@ constexpr char kClass[] = "/sys/class/hwmon";
 
 std::string base_name(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
-// How a kind of bus writes the address of a device, by the device's name in sysfs: an I2C device is
-// "0-002e", a PCI device "0000:00:18.3", a SCSI one "2:0:0:0", a platform device "nct6775.656".
+// How a kind of bus writes the address of a device, empty for a bus that has none. The device's
+// name in sysfs is "0-002e" for an I2C device, "0000:00:18.3" for a PCI one, "2:0:0:0" for a SCSI
+// one and "nct6775.656" for a platform device.
 std::string address_of(const std::string& bus, const std::string& device) {
   unsigned int a = 0, b = 0, c = 0, d = 0;
   const char* name = device.c_str();
@@ -33,10 +34,16 @@ std::string address_of(const std::string& bus, const std::string& device) {
     const std::size_t dot = device.rfind('.');
     const int address = dot == std::string::npos ? 0 : parse_int(name + dot + 1);
     (void)std::snprintf(text, sizeof text, "isa-%04x", static_cast<unsigned int>(address));
-  } else {
-    return join({bus, "-0"});
+  } else if (bus == "hid" && std::sscanf(name, "%x:%x:%x.%x", &a, &b, &c, &d) == 4) {
+    (void)std::snprintf(text, sizeof text, "hid-%u-%x", a, d);
+  } else if (bus == "acpi") {
+    return "acpi-0";
   }
   return text;
+}
+
+std::string bus_of(const std::string& device) {
+  return base_name(real_path(device + "/subsystem"));
 }
 
 Chip describe(const std::string& entry) {
@@ -45,12 +52,14 @@ Chip describe(const std::string& entry) {
   chip.address = "virtual-0";
   if (const std::string device = real_path(chip.folder + "/device"); !device.empty()) {
     chip.device = device;
-    const std::string bus = base_name(real_path(device + "/subsystem"));
-    const std::string name = base_name(device);
-    if (!bus.empty()) {
-      chip.address = address_of(bus, name);
-      const std::string stable = join({"/sys/bus/", bus, "/devices/", name});
-      if (exists(stable)) chip.stable = stable;
+    const std::string stable = join({"/sys/bus/", bus_of(device), "/devices/", base_name(device)});
+    if (exists(stable)) chip.stable = stable;
+    // A device of a bus without addresses, such as a disk's, has that of the device above it.
+    for (std::string place = device; place.size() > 1; place = parent_of(place)) {
+      const std::string address = address_of(bus_of(place), base_name(place));
+      if (address.empty()) continue;
+      chip.address = address;
+      break;
     }
   }
   if (const auto name = chip.read("name")) chip.name = *name;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "files.h"
+#include "settings.h"
 
 // --- Which chip ---
 
@@ -50,7 +51,9 @@ Choice choose(const std::string& wanted) {
   std::vector<Chip> meant;
   std::ranges::copy_if(all, std::back_inserter(meant),
                        [&](const Chip& chip) { return is_meant(chip, name); });
-  if (meant.empty()) refuse({"there is no chip ", name, ". There are: ", list_ids(all)});
+  if (meant.empty()) {
+    throw NoSuchChip(join({"there is no chip ", name, ". There are: ", list_ids(all)}));
+  }
   if (meant.size() > 1) refuse({"more than one chip is called ", name, ": ", list_ids(meant)});
   choice.chip = meant.front();
   return choice;
@@ -88,8 +91,10 @@ std::string channel_list(const Chip& chip) {
 
 Plan make_plan(const Choice& choice) {
   const Chip& chip = choice.chip;
+  // The real path: the class's own has a number that another chip may get when a driver is loaded
+  // again.
   const auto find = [&](const std::string& attribute) {
-    return chip.find(with_number(attribute, choice.channel));
+    return in_real_folder(chip.find(with_number(attribute, choice.channel)));
   };
   Plan plan;
   plan.closeLoop = find("pwm#").empty();
@@ -135,13 +140,31 @@ Plan make_plan(const Choice& choice) {
       plan.links[std::string(row.entry)] = source;
     }
   }
+  if (!plan.links.contains(plan.closeLoop ? "fan1_target" : "pwm1")) {
+    refuse({plan.commandPath, " cannot be read, so the service would not know the driver"});
+  }
   return plan;
 }
 
 std::string sensor_path(const Choice& choice) {
-  std::string path = choice.chip.find(with_number("temp#_input", choice.channel));
+  std::string path = in_real_folder(choice.chip.find(with_number("temp#_input", choice.channel)));
   if (!read_attribute(path)) {
     refuse({choice.chip.id(), " has no temperature ", choice.channel, " that can be read"});
   }
   return path;
+}
+
+bool read_boot_file(const std::string& path, BootLink& boot) {
+  const FilePtr file(std::fopen(path.c_str(), "r"));
+  if (!file) {
+    if (errno == ENOENT) return false;
+    refuse({path, " cannot be read: ", std::strerror(errno)});
+  }
+  Setting line;
+  while (next_setting(file.get(), line)) {
+    if (line.key == "chip") boot.chip = line.value;
+    if (line.key == "folder") boot.folder = line.value;
+    if (line.key == "sensor") boot.sensor = line.value;
+  }
+  return true;
 }

@@ -15,6 +15,11 @@ struct Refusal : std::runtime_error {
 };
 [[noreturn]] void refuse(std::initializer_list<TextPiece> pieces);
 
+/// There is no such chip; its driver may still be on its way.
+struct NoSuchChip : Refusal {
+  using Refusal::Refusal;
+};
+
 /// A chip, and the number of one of its PWMs or temperatures.
 struct Choice {
   Chip chip;
@@ -35,9 +40,21 @@ struct Plan {
   std::string sensor;  ///< the temperature's attribute; empty when none is wanted
 };
 
-/// What the folder of a channel will hold. Refuses a channel that does not exist or cannot be
-/// controlled.
+/// What the folder of a channel will hold, by paths that lead to this very chip or nowhere. Refuses
+/// a channel that does not exist or cannot be controlled.
 Plan make_plan(const Choice& choice);
 
 /// The attribute of a temperature. Refuses one that cannot be read.
 std::string sensor_path(const Choice& choice);
+
+/// What fan_link.conf asks for.
+struct BootLink {
+  std::string chip;  ///< as choose() takes it; empty when the file names none
+  std::string folder;
+  std::string sensor;  ///< empty: none
+};
+
+/// Reads the file over what boot holds. False when there is none; refuses one that cannot be read.
+bool read_boot_file(const std::string& path, BootLink& boot);
+
+inline constexpr char BOOT_FILE[] = "fan_link.conf";

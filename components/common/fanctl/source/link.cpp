@@ -28,7 +28,6 @@
 
 namespace {
 
-constexpr char kBootFile[] = "fan_link.conf";
 constexpr char kRecordFolder[] = "/.link";
 constexpr char kRecordFile[] = "/.link/record";
 constexpr char kUnfinished[] = ".new";
@@ -36,6 +35,9 @@ constexpr char kSensorFolder[] = "/sensor";
 constexpr char kSensorFile[] = "/sensor/temp1_input";
 constexpr mode_t kFolderMode = 0755;
 constexpr int kBootPatience = 10;  // seconds for the driver's module to be loaded
+constexpr int kLockPatience = 5;   // seconds for another run to end
+constexpr int kRestoreAttempts = 3;
+constexpr char kLockFile[] = "/.fanctl.lock";
 
 // --- Files ---
 
@@ -79,6 +81,23 @@ struct Record {
   std::string modeBefore;
 };
 
+// Nothing else is ever written to by what a record says.
+bool is_mode(const Record& record) {
+  return record.modePath.starts_with("/sys/") && record.modePath.ends_with("_enable") &&
+         record.modePath.find("/../") == std::string::npos && !record.modeBefore.empty() &&
+         record.modeBefore.find_first_not_of("0123456789") == std::string::npos;
+}
+
+// Where the mode is now: a driver that was loaded again has another folder.
+std::string find_mode(const Record& record) {
+  if (exists(record.modePath)) return record.modePath;
+  for (const Chip& chip : list_chips()) {
+    if (chip.id() != record.chip) continue;
+    return chip.find(record.modePath.substr(record.modePath.rfind('/') + 1));
+  }
+  return {};
+}
+
 bool read_record(const std::string& folder, Record& record) {
   const FilePtr file(std::fopen((folder + kRecordFile).c_str(), "r"));
   if (!file) return false;
@@ -100,13 +119,19 @@ void write_record(const std::string& folder, const Record& record) {
             "\nmode_path=", record.modePath, "\nmode_before=", record.modeBefore, "\n"}));
 }
 
-// Gives the chip back the mode that it had. False, with a message, when it does not take it.
+// Gives the chip back the mode that it had. False, with a message, when it does not take it; a chip
+// that is gone has no mode.
 bool restore_mode(const Record& record) {
-  if (record.modePath.empty() || record.modeBefore.empty()) return true;
-  if (read_attribute(record.modePath) == record.modeBefore) return true;
-  const int error = write_text(record.modePath, record.modeBefore, 0);
-  if (error == 0) return true;
-  (void)std::fprintf(stderr, "%s does not take its former mode %s: %s\n", record.modePath.c_str(),
+  if (!is_mode(record)) return true;
+  const std::string path = find_mode(record);
+  if (path.empty() || read_attribute(path) == record.modeBefore) return true;
+  int error = 0;
+  for (int attempt = 0; attempt < kRestoreAttempts; ++attempt) {
+    if (attempt > 0) (void)::sleep(1);
+    error = write_text(path, record.modeBefore, 0);
+    if (error == 0) return true;
+  }
+  (void)std::fprintf(stderr, "%s does not take its former mode %s: %s\n", path.c_str(),
                      record.modeBefore.c_str(), std::strerror(error));
   return false;
 }
@@ -118,8 +143,8 @@ std::string without_slash(std::string folder) {
   return folder;
 }
 
-// The folder above, in which only its owner may write: what lies there is believed. Two runs must
-// not meet, so it stays locked as long as the object lives.
+// The folder above, in which only root may write: what lies there is believed. Two runs must not
+// meet, so it is locked as long as the object lives, by a file that only root can open.
 class Place {
  public:
   explicit Place(const std::string& folder)
@@ -133,18 +158,25 @@ class Place {
     if (!m_folder.starts_with('/') || m_folder.size() < 2) {
       refuse({"--to wants a folder with its whole path: ", m_folder});
     }
-    const std::string parent = m_folder.substr(0, std::max<std::size_t>(m_folder.rfind('/'), 1));
+    const std::string parent = parent_of(m_folder);
     (void)::mkdir(parent.c_str(), kFolderMode);
-    Descriptor directory(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!directory) refuse({parent, " cannot be used: ", std::strerror(errno)});
     struct stat status {};
-    if (::fstat(directory.get(), &status) != 0 || (status.st_mode & OTHERS_WRITE) != 0) {
+    if (::stat(parent.c_str(), &status) != 0) {
+      refuse({parent, " cannot be used: ", std::strerror(errno)});
+    }
+    if ((status.st_mode & OTHERS_WRITE) != 0 ||
+        (status.st_uid != 0 && status.st_uid != ::geteuid())) {
       refuse({"others can write to ", parent, ": choose a folder of root's"});
     }
-    if (::flock(directory.get(), LOCK_EX | LOCK_NB) != 0) {
-      refuse({"another fanctl link is at work in ", parent});
+    constexpr mode_t kOwnerOnly = 0600;
+    Descriptor file(::open((parent + kLockFile).c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC,
+                           kOwnerOnly));
+    if (!file) refuse({parent, kLockFile, " cannot be opened: ", std::strerror(errno)});
+    for (int second = 0; ::flock(file.get(), LOCK_EX | LOCK_NB) != 0; ++second) {
+      if (second == kLockPatience) refuse({"another fanctl link is at work in ", parent});
+      (void)::sleep(1);
     }
-    return directory.release();
+    return file.release();
   }
 
   std::string m_folder;
@@ -258,9 +290,16 @@ void link_chip(const Choice& choice, const std::string& sensor, const std::strin
   }
   (void)std::printf("\nCommands are %s.\n",
                     plan.closeLoop ? "revolutions per minute" : "0 (stopped) to 255 (full power)");
+  if (plan.files.contains("fan1_alarm")) {
+    (void)std::printf("It has no alarm: a fan that is blocked stays unnoticed.\n");
+  }
 }
 
 ExitStatus undo(const std::string& folder) {
+  if (!exists(without_slash(folder)) && !exists(without_slash(folder) + kUnfinished)) {
+    (void)std::printf("%s is not there: nothing to undo\n", folder.c_str());
+    return EXIT_FINE;
+  }
   const Place place(folder);
   clear_unfinished(place);
   Record record;
@@ -268,19 +307,18 @@ ExitStatus undo(const std::string& folder) {
     (void)std::printf("%s is not there: nothing to undo\n", place.folder().c_str());
     return EXIT_FINE;
   }
-  const bool restored = restore_mode(record);  // first: the folder holds what is needed for it
+  // First: the folder holds what is needed for it, now or at another try.
+  if (!restore_mode(record)) {
+    refuse(
+        {place.folder(), " stays: try again, or put the fan into the mode that you want by hand"});
+  }
   remove_folder(place.folder());
+  if (exists(place.folder())) refuse({place.folder(), " holds something else, so it stays"});
   (void)std::printf("%s is removed\n", place.folder().c_str());
-  return restored ? EXIT_FINE : EXIT_WARNINGS;
+  return EXIT_FINE;
 }
 
 // --- At boot ---
-
-struct BootLink {
-  std::string chip;
-  std::string folder;
-  std::string sensor;
-};
 
 // Written beside the file, to be renamed into place once the chip is linked.
 void prepare_boot_file(const std::string& beside, const BootLink& boot) {
@@ -295,33 +333,28 @@ std::string full_name(const Choice& choice) {
   return join({choice.chip.id(), ":", choice.channel});
 }
 
-// False: there is no such file.
-bool read_boot_file(const std::string& path, BootLink& boot) {
-  const FilePtr file(std::fopen(path.c_str(), "r"));
-  if (!file) {
-    if (errno == ENOENT) return false;
-    refuse({path, " cannot be read: ", std::strerror(errno)});
-  }
-  Setting line;
-  while (next_setting(file.get(), line)) {
-    if (line.key == "chip") boot.chip = line.value;
-    if (line.key == "folder") boot.folder = line.value;
-    if (line.key == "sensor") boot.sensor = line.value;
-  }
-  if (boot.chip.empty()) refuse({path, " names no chip: write chip=NAME, see fanctl hardware"});
-  return true;
-}
-
-// The driver's module may still be on its way.
-Choice choose_patiently(const std::string& chip) {
-  for (int second = 0; second < kBootPatience; ++second) {
+// The driver's module may still be on its way: waits for the chip for what is left of the patience.
+Choice choose_patiently(const std::string& chip, int& patience) {
+  for (; patience > 0; --patience) {
     try {
       return choose(chip);
-    } catch (const Refusal&) {
+    } catch (const NoSuchChip&) {
       (void)::sleep(1);
     }
   }
   return choose(chip);
+}
+
+// A fan without its sensor is better than none: the service then measures the disks.
+std::string sensor_at_boot(const std::string& sensor, int& patience, ExitStatus& status) {
+  if (sensor.empty()) return {};
+  try {
+    return sensor_path(choose_patiently(sensor, patience));
+  } catch (const Refusal& refusal) {
+    (void)std::fprintf(stderr, "fanctl link: the sensor is left out: %s\n", refusal.what());
+    status = EXIT_WARNINGS;
+    return {};
+  }
 }
 
 ExitStatus link_at_boot(const std::string& path, const LinkOptions& link) {
@@ -330,10 +363,13 @@ ExitStatus link_at_boot(const std::string& path, const LinkOptions& link) {
     (void)std::printf("%s is not there: nothing to link\n", path.c_str());
     return EXIT_FINE;
   }
-  const Choice choice = choose_patiently(boot.chip);
-  const std::string sensor = boot.sensor.empty() ? "" : sensor_path(choose_patiently(boot.sensor));
+  if (boot.chip.empty()) refuse({path, " names no chip: write chip=NAME, see fanctl hardware"});
+  int patience = kBootPatience;
+  ExitStatus status = EXIT_FINE;
+  const Choice choice = choose_patiently(boot.chip, patience);
+  const std::string sensor = sensor_at_boot(boot.sensor, patience, status);
   link_chip(choice, sensor, boot.folder);
-  return EXIT_FINE;
+  return status;
 }
 
 ExitStatus link_now(const std::string& bootFile, const LinkOptions& link) {
@@ -361,7 +397,11 @@ ExitStatus link_now(const std::string& bootFile, const LinkOptions& link) {
     (void)std::printf("%s: the folder is made before each start of the service.\n",
                       bootFile.c_str());
   }
-  (void)std::printf("Name it in fan_controller.conf:\nfan_driver_sysfs_dir=%s\n", folder.c_str());
+  (void)std::printf(
+      "Nobody controls this fan until the service has started with it. Write into\n"
+      "fan_controller.conf, then type systemctl restart fan_controller:\n"
+      "fan_driver_sysfs_dir=%s\n",
+      folder.c_str());
   if (!sensor.empty()) {
     (void)std::printf("temp_sensor_sysfs_entry=%s%s\n", folder.c_str(), kSensorFile);
   }
@@ -371,7 +411,7 @@ ExitStatus link_now(const std::string& bootFile, const LinkOptions& link) {
 }  // namespace
 
 ExitStatus run_link(const Options& options, const LinkOptions& link) {
-  const std::string bootFile = join({options.configDir, "/", kBootFile});
+  const std::string bootFile = join({options.configDir, "/", BOOT_FILE});
   try {
     if (link.undo) {
       BootLink boot{"", link.folder, ""};

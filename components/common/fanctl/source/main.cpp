@@ -65,8 +65,17 @@ int run(int argc, char* argv[]) {
   } catch (const CLI::ParseError& error) {
     return explain(app, error);
   }
-  if (linker->parsed() && link.undo && !link.chip.empty()) {
+  if (linker->parsed() && link.undo && (!link.chip.empty() || !link.sensor.empty())) {
     (void)std::fputs("--undo takes no CHIP: it knows what was linked\n", stderr);
+    return EXIT_WRONG_USE;
+  }
+  if (linker->parsed() && link.chip.empty() && !link.undo &&
+      (!link.sensor.empty() || folder->count() > 0)) {
+    (void)std::fputs("--to and --sensor need a CHIP: see fanctl hardware\n", stderr);
+    return EXIT_WRONG_USE;
+  }
+  if (linker->parsed() && !link.folder.starts_with('/')) {
+    (void)std::fputs("--to wants a folder with its whole path\n", stderr);
     return EXIT_WRONG_USE;
   }
   if (linker->parsed() && link.atBoot && link.chip.empty()) {

@@ -9,7 +9,8 @@ namespace {
 const std::string kFolder = "/run/fan_controller/fan", kUnfinished = kFolder + ".new";
 const std::string kBootFile = CONFIG + "/fan_link.conf";
 const std::string kClass = "/sys/class/hwmon/hwmon";
-const std::string kAdtMode = kClass + "0/pwm1_enable", kMaxMode = kClass + "4/pwm1_enable";
+const std::string kAdtMode = "/sys/devices/i2c/0-002e/hwmon/hwmon0/pwm1_enable";
+const std::string kMaxMode = "/sys/devices/i2c/1-001b/hwmon/hwmon4/pwm1_enable";
 
 struct LinkBoard : Board {
   LinkBoard()
@@ -107,7 +108,8 @@ TEST_CASE("chips of every kind, and back") {
       CHECK(board.read(mode) == each.after);
       CHECK(Fanctl(board, {"link", "--undo", "--to", folder}).status == 0);
       CHECK(board.read(mode) == each.before);
-      CHECK(fs::is_empty(fs::path(board.at(folder)).parent_path()));
+      CHECK_FALSE(board.exists(folder));
+      CHECK_FALSE(board.exists(folder + std::string(".new")));
     }
     CHECK(Fanctl(board, {"link", "--undo", "--to", folder}).status == 0);
   }
@@ -115,7 +117,7 @@ TEST_CASE("chips of every kind, and back") {
 
 TEST_CASE("what cannot be linked is named, and nothing is half done") {
   const LinkBoard board;
-  const std::string second = kClass + "5/pwm1";
+  const std::string second = "/sys/devices/i2c/1-004b/hwmon/hwmon5/pwm1";
   board.fan("/sys/fan", false);
   board.write("/run/file", "");
   board.write("/run/own.new/precious", "text");
@@ -143,7 +145,7 @@ TEST_CASE("what cannot be linked is named, and nothing is half done") {
       {{"max6650-i2c-1-4b"}, "enable does not take mode 1: No space left on device", fill},
       {{"ghost"}, "enable does not take mode 1: Perm", allow(kClass + "7/pwm1_enable", 0444)},
       {{"max6650-i2c-1-4b"}, second + " cannot be written: Permission", allow(second, 0444)},
-      {{"adt7475", "--to", "run/fan"}, "--to wants a folder with its whole path: run/fan"},
+      {{"adt7475:2"}, "pwm2 cannot be read, so the service", allow(kClass + "0/pwm2", 0200)},
       {{"adt7475", "--to", "/run/no/such/fan"}, "/run/no/such cannot be used"},
       {{"adt7475", "--to", "/var/tmp/fan"}, "others can write to /var/tmp"},
       {{"adt7475", "--to", "/sys/fan"}, "/sys/fan was not made by fanctl link"},
@@ -186,8 +188,16 @@ TEST_CASE("linked anew: the former chip gets its mode back, and the first mode i
   CHECK_FALSE(board.exists(kUnfinished));
   board.allow(kAdtMode, 0444);
   const Fanctl end(board, {"link", "--undo"});
-  CHECK(end.status == 1);
+  CHECK(end.status == 2);  // and another try can succeed
   CHECK(contains(end.errors, "pwm1_enable does not take its former mode 2: Permission denied"));
+  board.allow(kAdtMode, 0644);
+  // The driver was unloaded and loaded, and another chip has got its number.
+  const std::string reloaded = "/sys/devices/i2c/0-002e/hwmon/hwmon9";
+  fs::rename(board.at("/sys/devices/i2c/0-002e/hwmon/hwmon0"), board.at(reloaded));
+  fs::remove(board.at(kClass + "0"));
+  fs::create_symlink(board.at(reloaded), board.at(kClass + "9"));
+  CHECK(Fanctl(board, {"link", "--undo"}).status == 0);
+  CHECK(board.read(reloaded + "/pwm1_enable") == "2\n");
   CHECK(board.is_clean());
 }
 
@@ -248,13 +258,13 @@ TEST_CASE("two runs at once") {
   const LinkBoard board;
   const std::string place = "/run/fan_controller";
   fs::create_directory(board.at(place));
-  const Handle other(::open(board.at(place).c_str(), O_RDONLY | O_CLOEXEC));
+  const Handle other(
+      ::open(board.at(place + "/.fanctl.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
   REQUIRE(::flock(other.number, LOCK_SH) == 0);
-  for (const char* argument : {"adt7475", "--undo"}) {
-    const Fanctl run(board, {"link", argument});
-    CHECK(run.status == 2);
-    CHECK(contains(run.errors, "another fanctl link is at work in " + place));
-  }
+  const Fanctl run(board, {"link", "adt7475"});
+  CHECK(run.status == 2);
+  CHECK(contains(run.errors, "another fanctl link is at work in " + place));
+  CHECK(board.journal({"sleep"}) == Lines(5, "sleep 1"));
   CHECK(board.read(kAdtMode) == "2\n");
 }
 
@@ -288,8 +298,13 @@ TEST_CASE("at boot") {
                 {"chip=\n", "names no chip"},
                 {"chip=none\n", "there is no chip none. There are: adt7475"},
                 {"chip=adt7475:7\n", "has no channel 7"},
-                {"chip=adt7475\nsensor=k10temp:2\n", "has no temperature 2"},
                 {"chip=adt7475\nfolder=fan\n", "whole path: fan"}};
+  board.write(kBootFile, "chip=adt7475\nsensor=k10temp:2\n");
+  const Fanctl without(board, {"link"});
+  CHECK(without.status == 1);
+  CHECK(contains(without.errors, "the sensor is left out: k10temp-pci-00c3 has no temperature 2"));
+  board.write(kBootFile, "");
+  CHECK(Fanctl(board, {"link", "--undo"}).status == 0);
   for (const auto& each : broken) {
     CAPTURE(each.says);
     board.write(kBootFile, each.text);
