@@ -51,6 +51,9 @@ std::size_t distance(std::string_view left, std::string_view right) {
 
 std::string_view nearest_key(const std::string& key) {
   const auto& rows = SETTING_ROWS<Settings>;
+  const auto begun =
+      std::ranges::find_if(rows, [&](const auto& row) { return row.key.starts_with(key); });
+  if (!key.empty() && begun != rows.end()) return begun->key;
   return std::ranges::min_element(rows, {}, [&](const auto& row) { return distance(key, row.key); })
       ->key;
 }
@@ -99,9 +102,15 @@ void check_value(const SettingRow<Settings>& row, const std::string& value, Line
     check_text(key, value, line);
   } else if (row.yes != nullptr) {
     if (value == "yes" || value == "no") return;
-    line.error({key,
-                " counts as no, because it is neither \"yes\" nor \"no\": write one of them, in "
-                "small letters and without blanks"});
+    if (value.ends_with('\r')) {
+      line.error({key,
+                  " is not read: a carriage return ends the line. Save the file with Unix line "
+                  "ends: yes or no"});
+    } else {
+      line.error({key,
+                  " is neither \"yes\" nor \"no\", so it changes nothing: write one of them, "
+                  "in small letters and without blanks"});
+    }
   } else {
     check_number(value, key.c_str(), line);
     const int number = parse_int(value.c_str());
@@ -187,15 +196,22 @@ void check_step(const std::string& text, std::map<int, int>& seen, int number, L
 }
 
 // The highest temperature that still gets no power, by the rule in force.
-int last_standing(const Configuration& configuration) {
-  const CommandTable& table = configuration.table;
+int last_standing(const CommandTable& table, bool hysteresis, bool falling) {
   int temperature = std::max(table.begin()->first, kColdest);
+  const int change = falling ? 1 : -1;  // from it to the temperature before
   while (temperature < std::min(alert_level(table), kHottest) &&
-         select_command(table, temperature + 1, temperature, configuration.settings.m_useHysteresis)
-                 .command == 0) {
+         select_command(table, temperature + 1, temperature + 1 + change, hysteresis).command ==
+             0) {
     ++temperature;
   }
   return temperature;
+}
+
+std::string standing_text(const CommandTable& table, bool hysteresis) {
+  if (table.size() == 1 || last_command(table) == 0) return "at every temperature";
+  std::string text = join({"up to ", last_standing(table, hysteresis, false), " degrees"});
+  if (hysteresis) text += join({" (falling, up to ", last_standing(table, true, true), ")"});
+  return text;
 }
 
 void check_commands(const Configuration& configuration, const Driver& driver,
@@ -218,6 +234,16 @@ void check_commands(const Configuration& configuration, const Driver& driver,
   }
 }
 
+// Commands for a duty cycle, sent to a driver that wants revolutions per minute.
+void check_speeds(const Configuration& configuration, const Driver& driver,
+                  const std::map<int, int>& lines, Findings& findings) {
+  const int highest = last_command(configuration.table);
+  if (!driver.commandPath.ends_with(FAN_TARGET) || highest <= 0 || highest > kFullPower) return;
+  LineFindings(findings, configuration.tablePath, lines.at(alert_level(configuration.table)))
+      .warning({"the highest command is ", highest,
+                ", and the driver takes it as revolutions per minute: write speeds"});
+}
+
 void check_whole_table(const Configuration& configuration, const Driver& driver,
                        const std::map<int, int>& lines, Findings& findings) {
   const CommandTable& table = configuration.table;
@@ -229,16 +255,15 @@ void check_whole_table(const Configuration& configuration, const Driver& driver,
     return;
   }
   check_commands(configuration, driver, lines, findings);
+  check_speeds(configuration, driver, lines, findings);
   if (configuration.settings.m_fanDriverSysfsDir.empty()) return;  // no fan takes the commands
   LineFindings first(findings, configuration.tablePath, lines.at(table.begin()->first));
   if (table.size() == 1) {
     first.warning({"it is the only step, so the command never changes: write more steps"});
   }
   if (table.begin()->second == 0) {
-    const std::string until = table.size() == 1 || last_command(table) == 0
-                                  ? "at every temperature"
-                                  : join({"up to ", last_standing(configuration), " degrees"});
-    first.warning({"with the command 0 the fan stands still ", until,
+    first.warning({"with the command 0 the fan stands still ",
+                   standing_text(table, configuration.settings.m_useHysteresis),
                    ": write a command with which it turns, unless that is meant"});
   }
 }
@@ -284,5 +309,6 @@ void check_files(const Configuration& configuration, const Driver& driver, Findi
   LineFindings line(findings, configuration.settingsPath, key == keys.end() ? 1 : key->second);
   line.warning({"hdd_critical_temperature ", critical, " is not above the table's last step, ",
                 alert_level(configuration.table),
-                ": up to that step nothing critical is reported. Write a higher one"});
+                ": only above that step it is reported, as critical at once and never as high. "
+                "Write a higher one"});
 }

@@ -12,6 +12,7 @@
 #include "alert-flags.h"
 #include "files.h"
 #include "findings.h"
+#include "link-plan.h"
 #include "utils.h"
 
 namespace {
@@ -67,20 +68,25 @@ void check_owner(const std::string& path, MachineFindings& machine) {
 
 // A chip that `fanctl link` could present to the service, by the word to name it with; empty when
 // there is none.
-std::string linkable_chip(const Machine& machine) {
+std::string linkable_chip(const std::string& folder, const Machine& machine) {
   const auto usable = [](const Chip& chip) {
     return !chip.numbers("pwm", "").empty() || !chip.numbers("fan", "_target").empty();
   };
-  const auto chip = std::ranges::find_if(machine.chips, usable);
+  // The configured one, by whatever path; else the first.
+  const std::string wanted = folder.empty() ? "" : real_path(folder);
+  const auto isWanted = [&](const Chip& chip) {
+    return usable(chip) && (wanted == real_path(chip.folder) || wanted == chip.device);
+  };
+  auto chip = std::ranges::find_if(machine.chips, isWanted);
+  if (chip == machine.chips.end()) chip = std::ranges::find_if(machine.chips, usable);
   if (chip == machine.chips.end()) return {};
   return std::ranges::count(machine.chips, chip->name, &Chip::name) == 1 ? chip->name : chip->id();
 }
 
-std::string link_advice(const Machine& machine) {
-  const std::string chip = linkable_chip(machine);
+std::string link_advice(const std::string& folder, const Machine& machine) {
+  const std::string chip = linkable_chip(folder, machine);
   if (chip.empty()) return "no chip with a PWM is there: load the module of the fan's driver";
-  const std::string number = chip.empty() ? "" : chip;
-  return join({"run fanctl link --at-boot ", number,
+  return join({"run fanctl link --at-boot ", chip,
                " and write fan_driver_sysfs_dir=/run/fan_controller/fan"});
 }
 
@@ -117,7 +123,7 @@ void report_no_match(const std::string& folder, const Machine& machine, MachineF
   findings.error({folder, " is not taken for a fan driver. Nearest is ",
                   nearest.row->kind == FAN_DRIVER_I2C ? "I2C" : "GPIO",
                   "; missing: ", names(nearest.missing), "; too many: ", names(nearest.tooMany),
-                  ": ", link_advice(machine)});
+                  ": ", link_advice(folder, machine)});
 }
 
 void check_writable(const std::string& path, MachineFindings& findings) {
@@ -129,16 +135,20 @@ void check_writable(const std::string& path, MachineFindings& findings) {
 void check_driver(const Settings& settings, const Machine& machine, MachineFindings& findings) {
   const std::string& folder = settings.m_fanDriverSysfsDir;
   if (folder.empty()) {
-    if (linkable_chip(machine).empty()) return;
-    findings.warning(
-        {"no fan driver is configured, but there is a chip with a fan: ", link_advice(machine)});
+    if (linkable_chip(folder, machine).empty()) return;
+    findings.warning({"no fan driver is configured, but there is a chip with a fan: ",
+                      link_advice(folder, machine)});
     return;
   }
   check_stable("fan_driver_sysfs_dir", folder, "run fanctl link --at-boot and name its folder",
                findings);
+  if (!machine.bootProblem.empty()) {
+    findings.error({BOOT_FILE, ": ", machine.bootProblem, ": run fanctl link --at-boot again"});
+  }
+  if (!machine.driver.opened && machine.bootFolder == folder) return;  // not made yet
   if (!machine.driver.opened) {
     findings.error({"fan_driver_sysfs_dir ", folder,
-                    " is no folder that can be opened: ", link_advice(machine)});
+                    " is no folder that can be opened: ", link_advice(folder, machine)});
     return;
   }
   if (machine.driver.row == nullptr) return report_no_match(folder, machine, findings);
@@ -170,9 +180,14 @@ void check_sensor(const Settings& settings, const Machine& machine, MachineFindi
                     " cannot be read; the disks are measured instead: correct the path"});
     return;
   }
-  const int value = parse_int(machine.sensorText->c_str());
+  const std::string& text = *machine.sensorText;
+  const int value = parse_int(text.c_str());
   const int degrees = value / kMillidegrees;
-  if ((value != 0 && degrees == 0) || degrees < kColdest || degrees > kHottest) {
+  if (text.find_first_not_of("-+0123456789 ") != std::string::npos ||
+      text.find_first_of("0123456789") == std::string::npos) {
+    findings.error({"the sensor reads \"", text, "\", which counts as ", degrees,
+                    " degrees: name a sensor that gives a whole number"});
+  } else if ((value > 0 && degrees == 0) || degrees < kColdest || degrees > kHottest) {
     findings.error({"the sensor reads ", value, ", which counts as ", degrees,
                     " degrees: name a sensor that speaks thousandths of a degree"});
   }
@@ -199,7 +214,8 @@ void check_disk(const DiskState& disk, MachineFindings& findings) {
 void check_disks(const Machine& machine, MachineFindings& findings) {
   const DiskList& list = machine.disks;
   const bool noSensor = !machine.sensorText.has_value();
-  if (noSensor && std::ranges::none_of(list.disks, gives_temperature)) {
+  const bool allOpened = std::ranges::all_of(list.disks, &DiskState::opened);
+  if (noSensor && allOpened && std::ranges::none_of(list.disks, gives_temperature)) {
     findings.error(
         {"there is neither a sensor nor a disk with a temperature, so the fan stays at the lowest "
          "command: name a sensor with temp_sensor_sysfs_entry"});
@@ -207,8 +223,8 @@ void check_disks(const Machine& machine, MachineFindings& findings) {
   if (!noSensor) return;  // then no disk is measured
   for (const DiskState& disk : list.disks) check_disk(disk, findings);
   if (list.beyondZ > 0) {
-    findings.warning({"there are more than 26 disks, and ", list.beyondZ,
-                      " of them are not measured: use a sensor"});
+    findings.warning(
+        {"there are more than 26 disks; those beyond sdz are not measured: use a sensor"});
   }
 }
 
@@ -231,7 +247,8 @@ void check_status_file(const std::string& path, MachineFindings& findings) {
 void check_flag(const char* path, MachineFindings& findings) {
   struct stat status {};
   if (::lstat(path, &status) != 0) return;
-  if (S_ISREG(status.st_mode) && status.st_nlink == 1 && status.st_uid == ::geteuid()) return;
+  const bool isRoots = status.st_uid == 0 || status.st_uid == ::geteuid();
+  if (S_ISREG(status.st_mode) && status.st_nlink == 1 && isRoots) return;
   findings.warning(
       {path, " is no plain file of root's, so the service did not make it: remove it"});
 }

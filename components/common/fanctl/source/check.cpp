@@ -5,7 +5,9 @@
 
 #include "alert-flags.h"
 #include "commands.h"
+#include "files.h"
 #include "findings.h"
+#include "link-plan.h"
 #include "service-process.h"
 #include "terminal.h"
 #include "utils.h"
@@ -14,8 +16,21 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-Machine look_at_machine(const Settings& settings) {
+// The folder that is made before the service starts.
+void look_at_boot_link(const std::string& configDir, Machine& machine) {
+  BootLink boot{"", "/run/fan_controller/fan", ""};
+  try {
+    if (!read_boot_file(join({configDir, "/", BOOT_FILE}), boot)) return;
+    machine.bootFolder = boot.folder;
+    (void)make_plan(choose(boot.chip));
+  } catch (const Refusal& refusal) {
+    machine.bootProblem = refusal.what();
+  }
+}
+
+Machine look_at_machine(const std::string& configDir, const Settings& settings) {
   Machine machine;
+  look_at_boot_link(configDir, machine);
   machine.chips = list_chips();
   machine.disks = list_disk_states();
   machine.driver = find_driver(settings);
@@ -27,7 +42,12 @@ Machine look_at_machine(const Settings& settings) {
 
 using Summary = std::vector<std::pair<std::string, std::string>>;
 
-std::string driver_text(const Settings& settings, const Driver& driver) {
+std::string driver_text(const Settings& settings, const Machine& machine) {
+  const Driver& driver = machine.driver;
+  if (!driver.opened && !machine.bootFolder.empty() &&
+      machine.bootFolder == settings.m_fanDriverSysfsDir) {
+    return machine.bootFolder + ", made by fanctl link before the service starts";
+  }
   if (driver.row == nullptr) return "none: no fan is controlled, temperatures are reported";
   const char* kind = driver.row->kind == FAN_DRIVER_I2C ? "I2C" : "GPIO";
   std::string mode;
@@ -44,10 +64,10 @@ std::string temperature_text(const Settings& settings, const Machine& machine) {
   const auto hottest = std::ranges::max_element(disks, {}, &DiskState::temperature);
   if (hottest == disks.end()) return "0 C: there is no disk";
   const auto asleep = std::ranges::count(disks, PowerMode::kStandby, &DiskState::power);
-  std::string text =
-      join({hottest->temperature, " C now, from the hottest of ", disks.size(), " disks"});
-  if (asleep > 0) text += join({" (", asleep, " asleep and not asked)"});
-  return text;
+  const std::string sleepers = asleep > 0 ? join({" (", asleep, " asleep and not asked)"}) : "";
+  if (hottest->temperature == 0 && asleep > 0) return "not known now" + sleepers;
+  return join(
+      {hottest->temperature, " C now, from the hottest of ", disks.size(), " disks", sleepers});
 }
 
 std::string table_text(const CommandTable& table) {
@@ -61,21 +81,33 @@ std::string table_text(const CommandTable& table) {
 Summary summarise(const Configuration& configuration, const Machine& machine) {
   const Settings& settings = configuration.settings;
   const int level = alert_level(configuration.table);
-  const std::string critical = std::to_string(std::max(level, settings.m_hddCriticalTemp));
-  Summary rows = {{"driver", driver_text(settings, machine.driver)}};
+  Summary rows = {{"driver", driver_text(settings, machine)}};
+  if (!configuration.hasSettings || !configuration.hasTable) {
+    rows.insert(rows.begin(),
+                {"start", "waits for the missing file, asks again every 300 seconds"});
+  }
   if (machine.driver.row != nullptr) {
     rows.push_back({"command", "to " + machine.driver.commandPath});
-    rows.push_back({"alarm", "from " + machine.driver.alarmPath});
+    const bool fromDriver = real_path(machine.driver.alarmPath).starts_with("/sys/");
+    rows.push_back({"alarm", fromDriver ? "from " + machine.driver.alarmPath
+                                        : "none: a fan that is blocked stays unnoticed"});
   }
   rows.push_back({"temperature", temperature_text(settings, machine)});
   rows.push_back(
       {"table", join({table_text(configuration.table),
                       settings.m_useHysteresis ? ", by hysteresis" : ", by the nearest step"})});
-  rows.push_back({"alerts", join({"high above ", level, " C, critical above ", critical, " C"})});
-  rows.push_back({"period", join({settings.m_periodInSec, " seconds"})});
+  const int critical = settings.m_hddCriticalTemp;
+  rows.push_back({"alerts", critical > level ? join({"high above ", level, " C, critical above ",
+                                                     critical, " C"})
+                                             : join({"critical above ", level, " C, high never"})});
+  rows.push_back({"period", settings.m_periodInSec > 0 ? join({settings.m_periodInSec, " seconds"})
+                                                       : "none: no pause"});
   rows.push_back(
       {"writes", join({"/var/run/fan_controller.pid, flags in /var/tmp",
                        settings.m_dumpInfoFile.empty() ? "" : ", ", settings.m_dumpInfoFile})});
+  if (settings.m_pidFile != Settings().m_pidFile) {
+    rows.push_back({"removes", settings.m_pidFile + " when it ends"});
+  }
   const pid_t process = find_service();
   rows.push_back({"service", process == 0 ? "does not run" : join({"runs as process ", process})});
   return rows;
@@ -110,7 +142,7 @@ void print_json(const Findings& findings, const Summary& summary) {
 
 ExitStatus run_check(const Options& options) {
   const Configuration configuration = read_configuration(options.configDir);
-  const Machine machine = look_at_machine(configuration.settings);
+  const Machine machine = look_at_machine(options.configDir, configuration.settings);
   Findings findings;
   check_files(configuration, machine.driver, findings);
   check_machine(configuration, machine, findings);

@@ -24,6 +24,8 @@ struct Machine {
   DiskList disks;
   Driver driver;
   std::optional<std::string> sensorText;  ///< what the sensor reads; nothing when it cannot be read
+  std::string bootFolder;                 ///< of fan_link.conf; empty when there is none
+  std::string bootProblem;                ///< why it could not be made; empty when it could
 };
 
 /// Reads both files line by line, as the service's own readers take them.

@@ -39,7 +39,7 @@ void finds(const Board& board, const Lines& expected, const std::string& file = 
   const Fanctl run(board, {"check"});
   CAPTURE(run.output);
   const Lines paragraphs = split(run.output, "\n\n");
-  CHECK(paragraphs.back().starts_with("driver "));
+  CHECK(contains(paragraphs.back(), "driver "));
   const Lines lines = paragraphs.size() == 1 ? Lines{} : split(paragraphs[0], "\n");
   CHECK(lines.size() == expected.size());
   int status = 0;
@@ -103,9 +103,9 @@ use_hysteresis=yes\nuse_hysteresis=no | 4 warning "yes" in one of them is enough
 pid_file=/run/x\r | 3 error carriage return at the line's end becomes part of the path
 pid_file=/run/x\ty | 3 error a tab becomes part of the path
 pid_file= /run/x | 3 error blank behind the = becomes part of the path
-use_hysteresis=Yes | 3 error use_hysteresis counts as no
-use_hysteresis= yes | 3 error use_hysteresis counts as no
-use_hysteresis=yes\r | 3 error use_hysteresis counts as no
+use_hysteresis=Yes | 3 error so it changes nothing
+use_hysteresis= yes | 3 error so it changes nothing
+use_hysteresis=yes\r | 3 error a carriage return ends the line
 period_in_sec=60s | 3 warning counts as 60, "s" behind it is ignored
 period_in_sec=soon | 3 error has no number and counts as 0; 3 error without a pause
 period_in_sec=0 | 3 error of 0 makes the service run without a pause
@@ -182,7 +182,12 @@ TEST_CASE("what is wrong with the machine") {
        .expected = {"machine error file " + FAN + "/pwm1 cannot be written (Permission denied)"}},
       {.files = {{FAN + "/pwm1_enable", "2\n"}},
        .modes = {{FAN + "/fan1_target", 0400}},
-       .expected = {"machine error file " + FAN + "/fan1_target cannot be written"}},
+       .expected = {"fan_cmd_tab.conf:4 warning highest command is 255, and the driver takes it",
+                    "machine error file " + FAN + "/fan1_target cannot be written"}},
+      {.settings = "fan_driver_sysfs_dir=/run/x\n" + kSensor,
+       .files = {{CONFIG + "/fan_link.conf", "chip=none\nfolder=/run/x\n"}},
+       .expected = {"machine error fan_link.conf: there is no chip none"}},
+      {.files = {{SENSOR, "N/A\n"}}, .expected = {"machine error \"N/A\", which counts as 0"}},
       {.settings = kSettings + "fan_driver_sysfs_alarm=" + hwmon + "/fan1_alarm",
        .expected = {"machine warning fan_driver_sysfs_alarm: the number in",
                     "machine warning cannot be read; the service takes " + FAN + "/fan1_alarm"}},
@@ -199,7 +204,7 @@ TEST_CASE("what is wrong with the machine") {
        .files = {{partitions, " 8 0 9 sda\n 8 16 9 sdb\n 8 0 9 sdaa\n 8 0 9 sdab\n"},
                  disk("temperature=38\n")},
        .expected = {"machine warning /dev/sdb cannot be opened and is not measured",
-                    "machine warning more than 26 disks, and 2 of them are not measured"}},
+                    "machine warning more than 26 disks; those beyond sdz"}},
       {.settings = kDriver,
        .files = {oneDisk, disk("fails=ioctl\n")},
        .expected = {"machine error neither", "machine warning /dev/sda takes no ATA command"}},
@@ -241,6 +246,18 @@ TEST_CASE("what is wrong with the machine") {
                 "fan_cmd_tab.conf:1 error cannot be opened", "machine error neither a sensor",
                 std::string("machine warning ") + FAN_FAILED_FLAG + " is no plain file of root's",
                 std::string("machine warning ") + HIGH_TEMP_FLAG});
+}
+
+TEST_CASE("a folder that is linked when the service starts, and disks that sleep") {
+  Board board({{0, "adt7475", "i2c/0-002e", "pwm1=77 pwm1_enable=2"}});
+  board.config("fan_driver_sysfs_dir=/run/x\n", TABLE);
+  board.write(CONFIG + "/fan_link.conf", "chip=adt7475\nfolder=/run/x\n");
+  board.write("/proc/partitions", "sda\n");
+  board.disk("sda", "power=standby\n");
+  finds(board, {});
+  const std::string summary = Fanctl(board, {"check"}).output;
+  CHECK(contains(summary, "/run/x, made by fanctl link before the service starts\n"));
+  CHECK(contains(summary, "not known now (1 asleep and not asked)\n"));
 }
 
 TEST_CASE("right configurations stay silent") {
