@@ -23,7 +23,7 @@ _fanctl() {
 
   case $command in
     '') options='check hardware link curve --help --version' ;;
-    link) options='--config-dir --to --at-boot --undo --help' ;;
+    link) options='--config-dir --to --sensor --at-boot --undo --help' ;;
     curve) options='--config-dir --json --svg --help' ;;
     *) options='--config-dir --json --help' ;;
   esac
