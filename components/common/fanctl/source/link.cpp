@@ -35,7 +35,7 @@ constexpr char kSensorFolder[] = "/sensor";
 constexpr char kSensorFile[] = "/sensor/temp1_input";
 constexpr mode_t kFolderMode = 0755;
 constexpr int kBootPatience = 10;  // seconds for the driver's module to be loaded
-constexpr int kLockPatience = 5;   // seconds for another run to end
+constexpr int kLockPatience = 3;   // seconds for another run to end
 constexpr int kRestoreAttempts = 3;
 constexpr char kLockFile[] = "/.fanctl.lock";
 
