@@ -268,6 +268,10 @@ void check_whole_table(const Configuration& configuration, const Driver& driver,
   }
 }
 
+int line_of(const Finding& finding) {
+  return parse_int(finding.place.c_str() + finding.place.rfind(':') + 1);
+}
+
 // Goes through the lines of a file; what the check does with one is the argument.
 template <typename Check>
 void each_line(const std::string& path, bool isThere, Findings& findings, Check check) {
@@ -302,6 +306,13 @@ void check_files(const Configuration& configuration, const Driver& driver, Findi
   // Every step comes from a line, a comment with a blank before it among them.
   for (const auto& [temperature, command] : configuration.table) steps.emplace(temperature, 1);
   check_whole_table(configuration, driver, steps, findings);
+  // What was found in a whole table stands where its line is.
+  const auto ofTable = std::ranges::find_if(findings, [&](const Finding& finding) {
+    return finding.place.starts_with(configuration.tablePath + ":");
+  });
+  std::stable_sort(ofTable, findings.end(), [](const Finding& left, const Finding& right) {
+    return line_of(left) < line_of(right);
+  });
 
   const int critical = configuration.settings.m_hddCriticalTemp;
   if (configuration.table.empty() || critical > alert_level(configuration.table)) return;
@@ -309,6 +320,5 @@ void check_files(const Configuration& configuration, const Driver& driver, Findi
   LineFindings line(findings, configuration.settingsPath, key == keys.end() ? 1 : key->second);
   line.warning({"hdd_critical_temperature ", critical, " is not above the table's last step, ",
                 alert_level(configuration.table),
-                ": only above that step it is reported, as critical at once and never as high. "
-                "Write a higher one"});
+                ": above that step it is critical at once and never high. Write a higher one"});
 }

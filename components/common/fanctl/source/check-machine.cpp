@@ -152,6 +152,11 @@ void check_driver(const Settings& settings, const Machine& machine, MachineFindi
     return;
   }
   if (machine.driver.row == nullptr) return report_no_match(folder, machine, findings);
+  if (exists(folder + "/.link") && machine.bootFolder != folder) {
+    findings.warning({folder,
+                      " ends with the service and is not made again: run fanctl link with "
+                      "--at-boot: see fanctl hardware"});
+  }
   check_writable(machine.driver.commandPath, findings);
 
   const std::string& alarm = settings.m_fanAlarmPath;

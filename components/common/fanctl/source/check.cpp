@@ -93,13 +93,16 @@ Summary summarise(const Configuration& configuration, const Machine& machine) {
                                         : "none: a fan that is blocked stays unnoticed"});
   }
   rows.push_back({"temperature", temperature_text(settings, machine)});
-  rows.push_back(
-      {"table", join({table_text(configuration.table),
-                      settings.m_useHysteresis ? ", by hysteresis" : ", by the nearest step"})});
-  const int critical = settings.m_hddCriticalTemp;
-  rows.push_back({"alerts", critical > level ? join({"high above ", level, " C, critical above ",
-                                                     critical, " C"})
-                                             : join({"critical above ", level, " C, high never"})});
+  if (configuration.hasTable) {
+    rows.push_back(
+        {"table", join({table_text(configuration.table),
+                        settings.m_useHysteresis ? ", by hysteresis" : ", by the nearest step"})});
+    const int critical = settings.m_hddCriticalTemp;
+    rows.push_back(
+        {"alerts", critical > level
+                       ? join({"high above ", level, " C, critical above ", critical, " C"})
+                       : join({"critical above ", level, " C, high never"})});
+  }
   rows.push_back({"period", settings.m_periodInSec > 0 ? join({settings.m_periodInSec, " seconds"})
                                                        : "none: no pause"});
   rows.push_back(

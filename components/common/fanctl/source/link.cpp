@@ -184,7 +184,7 @@ class Place {
 };
 
 [[noreturn]] void refuse_foreign(const std::string& folder) {
-  refuse({folder, " was not made by fanctl link: remove it, or choose another with --to"});
+  refuse({folder, " was not made by fanctl link: choose another folder with --to"});
 }
 
 // Whether the folder is there; a folder that fanctl did not make is nobody's to replace.
@@ -314,7 +314,8 @@ ExitStatus undo(const std::string& folder) {
   }
   remove_folder(place.folder());
   if (exists(place.folder())) refuse({place.folder(), " holds something else, so it stays"});
-  (void)std::printf("%s is removed\n", place.folder().c_str());
+  (void)std::printf("%s is removed, %s has its former mode\n", place.folder().c_str(),
+                    record.chip.c_str());
   return EXIT_FINE;
 }
 
@@ -396,6 +397,8 @@ ExitStatus link_now(const std::string& bootFile, const LinkOptions& link) {
     }
     (void)std::printf("%s: the folder is made before each start of the service.\n",
                       bootFile.c_str());
+  } else {
+    (void)std::printf("The folder ends with the service. With --at-boot it is made each time.\n");
   }
   (void)std::printf(
       "Nobody controls this fan until the service has started with it. Write into\n"

@@ -10,7 +10,12 @@ namespace {
 
 // What CLI11 says about wrong use, with the status that all subcommands share. To ask for help is
 // no wrong use.
-int explain(const CLI::App& app, const CLI::ParseError& error) {
+int explain(const CLI::App& app, const CLI::ParseError& error, const char* first) {
+  if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr && first != nullptr &&
+      app.get_subcommands().empty()) {
+    (void)std::fprintf(stderr, "fanctl: there is no %s: check, hardware, link or curve\n", first);
+    return EXIT_WRONG_USE;
+  }
   return app.exit(error) == 0 ? EXIT_FINE : EXIT_WRONG_USE;
 }
 
@@ -63,7 +68,7 @@ int run(int argc, char* argv[]) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return explain(app, error);
+    return explain(app, error, argc > 1 ? argv[1] : nullptr);
   }
   if (linker->parsed() && link.undo && (!link.chip.empty() || !link.sensor.empty())) {
     (void)std::fputs("--undo takes no CHIP: it knows what was linked\n", stderr);

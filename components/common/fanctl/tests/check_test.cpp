@@ -134,8 +134,8 @@ TEST_CASE("mistakes in fan_cmd_tab.conf") {
 1=9\n121=255 | 2 warning 121 degrees are not; fan_controller.conf:1 warning 65 is not above
 35=90\n45 100\n55=255 | 2 error no = in the line
 35=90\n45=0x80\n55=255 | 2 warning command counts as 0, "x80"; 2 warning falls to 0
-35=90\n4O=100\n55=255 | 2 warning temperature counts as 4, "O"; 1 warning falls to 90
-35=90\n=100\n55=255 | 2 error temperature has no number; 1 warning falls to 90
+35=90\n4O=100\n55=255 | 1 warning falls to 90; 2 warning temperature counts as 4, "O"
+35=90\n=100\n55=255 | 1 warning falls to 90; 2 error temperature has no number
  #40=120\n55=255 | 1 error counts as the step 0=120
 1=9\n2=9999999999\n55=255 | 2 error counts as 2147483647; 2 error is above 255; 3 warning falls
 )",
@@ -258,6 +258,10 @@ TEST_CASE("a folder that is linked when the service starts, and disks that sleep
   const std::string summary = Fanctl(board, {"check"}).output;
   CHECK(contains(summary, "/run/x, made by fanctl link before the service starts\n"));
   CHECK(contains(summary, "not known now (1 asleep and not asked)\n"));
+  REQUIRE(Fanctl(board, {"link", "adt7475", "--to", "/run/x"}).status == 0);
+  finds(board, {});
+  board.remove(CONFIG + "/fan_link.conf");
+  finds(board, {"machine warning /run/x ends with the service and is not made again"});
 }
 
 TEST_CASE("right configurations stay silent") {
