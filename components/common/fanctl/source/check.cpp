@@ -1,4 +1,6 @@
 // fanctl check: what the service will do with this configuration on this machine.
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <nlohmann/json.hpp>
@@ -22,7 +24,9 @@ void look_at_boot_link(const std::string& configDir, Machine& machine) {
   try {
     if (!read_boot_file(join({configDir, "/", BOOT_FILE}), boot)) return;
     machine.bootFolder = boot.folder;
-    (void)make_plan(choose(boot.chip));
+    if (boot.chip.empty()) refuse({"it names no chip"});
+    const Choice choice = choose(boot.chip);
+    if (::geteuid() == 0) (void)make_plan(choice);  // others may not write to the chip
   } catch (const Refusal& refusal) {
     machine.bootProblem = refusal.what();
   }
@@ -90,7 +94,9 @@ Summary summarise(const Configuration& configuration, const Machine& machine) {
     rows.push_back({"command", "to " + machine.driver.commandPath});
     const bool fromDriver = real_path(machine.driver.alarmPath).starts_with("/sys/");
     rows.push_back({"alarm", fromDriver ? "from " + machine.driver.alarmPath
-                                        : "none: a fan that is blocked stays unnoticed"});
+                                        : machine.driver.alarmPath +
+                                              ", not the driver's own: a blocked fan may stay "
+                                              "unnoticed"});
   }
   rows.push_back({"temperature", temperature_text(settings, machine)});
   if (configuration.hasTable) {

@@ -197,13 +197,17 @@ bool find_own(const Place& place, Record& record) {
 }
 
 // A run that was interrupted leaves its unfinished folder, and perhaps the chip in its new mode.
+// Its record is kept until that is put right.
 void clear_unfinished(const Place& place) {
   const std::string unfinished = place.unfinished();
   if (!exists(unfinished)) return;
   Record left, standing;
   const bool isRecorded = read_record(unfinished, left);
   const bool stands = read_record(place.folder(), standing);
-  if (isRecorded && (!stands || standing.modePath != left.modePath)) (void)restore_mode(left);
+  const bool isOther = !stands || standing.modePath != left.modePath;
+  if (isRecorded && isOther && !restore_mode(left)) {
+    refuse({unfinished, " stays: try again, or put ", left.chip, " into its mode by hand"});
+  }
   // The record is made first and removed last: without it there is nothing else of ours.
   if (isRecorded || is_empty(unfinished)) remove_folder(unfinished);
   if (exists(unfinished)) refuse_foreign(unfinished);
@@ -260,7 +264,8 @@ void put_in_place(const Place& place) {
   if (replaces) remove_folder(from);
 }
 
-void link_chip(const Choice& choice, const std::string& sensor, const std::string& folder) {
+// A warning: another chip that was linked before did not take its former mode back.
+ExitStatus link_chip(const Choice& choice, const std::string& sensor, const std::string& folder) {
   const Place place(folder);
   clear_unfinished(place);
   Record former;
@@ -280,7 +285,7 @@ void link_chip(const Choice& choice, const std::string& sensor, const std::strin
     remove_folder(place.unfinished());
     throw;
   }
-  if (replaces && !sameMode) (void)restore_mode(former);
+  const bool givenBack = !replaces || sameMode || restore_mode(former);
 
   (void)std::printf("%s: %s, channel %d", place.folder().c_str(), record.chip.c_str(),
                     choice.channel);
@@ -293,6 +298,7 @@ void link_chip(const Choice& choice, const std::string& sensor, const std::strin
   if (plan.files.contains("fan1_alarm")) {
     (void)std::printf("It has no alarm: a fan that is blocked stays unnoticed.\n");
   }
+  return givenBack ? EXIT_FINE : EXIT_WARNINGS;
 }
 
 ExitStatus undo(const std::string& folder) {
@@ -369,8 +375,7 @@ ExitStatus link_at_boot(const std::string& path, const LinkOptions& link) {
   ExitStatus status = EXIT_FINE;
   const Choice choice = choose_patiently(boot.chip, patience);
   const std::string sensor = sensor_at_boot(boot.sensor, patience, status);
-  link_chip(choice, sensor, boot.folder);
-  return status;
+  return std::max(status, link_chip(choice, sensor, boot.folder));
 }
 
 ExitStatus link_now(const std::string& bootFile, const LinkOptions& link) {
@@ -385,8 +390,9 @@ ExitStatus link_now(const std::string& bootFile, const LinkOptions& link) {
     boot.sensor = full_name(sensorChoice);
   }
   if (link.atBoot) prepare_boot_file(beside, boot);
+  ExitStatus status = EXIT_FINE;
   try {
-    link_chip(choice, sensor, folder);
+    status = link_chip(choice, sensor, folder);
   } catch (const Refusal&) {
     if (link.atBoot) (void)::unlink(beside.c_str());
     throw;
@@ -408,7 +414,7 @@ ExitStatus link_now(const std::string& bootFile, const LinkOptions& link) {
   if (!sensor.empty()) {
     (void)std::printf("temp_sensor_sysfs_entry=%s%s\n", folder.c_str(), kSensorFile);
   }
-  return EXIT_FINE;
+  return status;
 }
 
 }  // namespace
