@@ -18,6 +18,7 @@
 //                    the file is gone then
 //   <root>/fork      a signal's name: what the child of the next fork() gets at once; the file is
 //                    gone then
+//   <root>/syslog    a named pipe: the system log hangs until somebody opens it for reading
 //   <root>/dev/sdX   a disk: the line `# disk`, then lines of `name=value` (see disks.cpp)
 //
 // Time is that of the main thread. Another thread (a fuzzer's watchdog) waits for real.

@@ -20,9 +20,11 @@ static fs::path folder_for_roots() {
 
 Appliance::Appliance() : m_root(folder_for_roots() / "appliance-XXXXXX") {
   if (mkdtemp(m_root.data()) == nullptr) std::abort();
-  for (const char* folder : {"/run", "/var/run", "/var/tmp", "/dev", "/sys", "/proc", "/etc"}) {
+  for (const char* folder :
+       {"/run", "/var/run", "/var/tmp", "/dev", "/sys", "/proc", "/etc", "/var/lib"}) {
     fs::create_directories(at(folder));
   }
+  write("/proc/uptime", "1000000.00 1000000.00\n");
   setenv("APPLIANCE_ROOT", m_root.c_str(), 1);
   setenv("CORVANE_DIR", at("/corvane").c_str(), 1);
   setenv("TZ", "UTC", 1);

@@ -18,8 +18,8 @@ namespace appliance {
 namespace {
 
 constexpr std::string_view kPrefixes[] = {
-    "/var/run/", "/run/", "/var/tmp/",           "/proc/partitions",
-    "/dev/sd",   "/sys/", "/etc/fan_controller",
+    "/var/run/",    "/run/", "/var/tmp/",           "/proc/partitions",        "/dev/sd",
+    "/proc/uptime", "/sys/", "/etc/fan_controller", "/var/lib/fan_controller",
 };
 
 bool isOfAppliance(std::string_view path) {
@@ -239,6 +239,10 @@ APPLIANCE_STAT(stat64, struct stat64*)
 APPLIANCE_STAT(lstat64, struct stat64*)
 APPLIANCE_STATAT(fstatat64, struct stat64*)
 
+APPLIANCE_PATH(statx, kLook, 0,
+               (int folder, const char* path, int flags, unsigned int mask, struct statx* status),
+               folder, route.real, flags, mask, status)
+
 // What programs with 64-bit time call on a 32-bit machine.
 #if __TIMESIZE == 32
 APPLIANCE_STAT(__stat64_time64, void*)
@@ -262,6 +266,25 @@ APPLIANCE_INTERPOSED char* mkdtemp(char* path) noexcept {
   const std::size_t length = std::strlen(path);
   std::memcpy(path, route.buffer + std::strlen(route.buffer) - length, length);
   return path;
+}
+
+APPLIANCE_INTERPOSED int mkostemp(char* path, int flags) noexcept {
+  static auto* const real = next<int(char*, int)>("mkostemp");
+  Route route(path, Use::kChange);
+  if (route.tooLong) return -1;
+  if (!route.redirected) return real(path, flags);
+  const int file = real(route.buffer, flags);
+  const std::size_t length = std::strlen(path);
+  std::memcpy(path, route.buffer + std::strlen(route.buffer) - length, length);
+  return file;
+}
+
+// A program of the appliance. The other functions of the family do not come by here.
+APPLIANCE_INTERPOSED int execve(const char* path, char* const words[],
+                                char* const environment[]) noexcept {
+  static auto* const real = next<int(const char*, char* const[], char* const[])>("execve");
+  const Route route(path, Use::kLook);
+  return route.tooLong ? -1 : real(route.real, words, environment);
 }
 
 // --- Links ---

@@ -8,18 +8,13 @@
 
 #include "cmd-table.h"
 #include "configuration.h"
+#include "measurement.h"
 
 /// The commands at a temperature; by the nearest-step rule both are the same.
 struct CurvePoint {
   int celsius;
   int rising;  ///< or steady
   int falling;
-};
-
-/// The present temperature and whose it is ("the sensor", "/dev/sda").
-struct Reading {
-  int celsius;
-  std::string source;
 };
 
 struct Plot {

@@ -1,35 +1,19 @@
 // fanctl curve: the command over the temperature.
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <nlohmann/json.hpp>
 
 #include "commands.h"
 #include "curve-plot.h"
-#include "disk-state.h"
+#include "files.h"
+#include "measurement.h"
 #include "terminal.h"
 #include "utils.h"
 
 namespace {
-
-constexpr int kMillidegrees = 1000;
-
-// As the service measures: the sensor, else the hottest disk. A sleeping disk stays asleep.
-std::optional<Reading> read_temperature(const Settings& settings) {
-  if (const auto value = sysfs_read_attr(settings.m_tempSensorPath.c_str())) {
-    return Reading{parse_int(value.get()) / kMillidegrees, "the sensor"};
-  }
-  const auto disks = list_disk_states().disks;
-  const auto hottest = std::ranges::max_element(disks, {}, &DiskState::temperature);
-  if (hottest == disks.end() || hottest->temperature == 0) return std::nullopt;
-  return Reading{hottest->temperature, hottest->path};
-}
 
 std::string unit_of(const Driver& driver) {
   if (driver.row == nullptr) return "command";
@@ -43,31 +27,6 @@ ExitStatus complain(std::initializer_list<TextPiece> text) {
 
 ExitStatus complain_about(const std::string& path) {
   return complain({"fanctl: ", path, ": ", std::strerror(errno)});
-}
-
-// A device or a link would be replaced, not written to.
-bool is_special(const std::string& path) {
-  struct stat status {};
-  return ::lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
-}
-
-// Beside the file and then in its place, so that it is never half there.
-bool write_file(const std::string& path, const std::string& text) {
-  std::string beside = path + ".XXXXXX";
-  Descriptor made(::mkostemp(beside.data(), O_CLOEXEC));
-  if (!made) return false;
-  const mode_t mask = ::umask(0);
-  (void)::umask(mask);
-  const bool allowed = ::fchmod(made.get(), 0666 & ~mask) == 0;
-  FilePtr file(::fdopen(made.get(), "w"));
-  if (file) (void)made.release();
-  const bool whole = allowed && file && std::fputs(text.c_str(), file.get()) >= 0 &&
-                     std::fflush(file.get()) == 0 && ::fsync(::fileno(file.get())) == 0;
-  if (whole && ::rename(beside.c_str(), path.c_str()) == 0) return true;
-  const int reason = errno;
-  (void)::unlink(beside.c_str());
-  errno = reason;
-  return false;
 }
 
 std::string as_json(const Plot& plot) {
@@ -115,7 +74,7 @@ ExitStatus run_curve(const Options& options, const CurveOptions& curve) {
   }
   const std::string& picture = curve.svgFile;
   if (is_special(picture)) return complain({"fanctl: ", picture, " is no plain file: left alone"});
-  if (!picture.empty() && !write_file(picture, draw_svg(plot))) return complain_about(picture);
+  if (!picture.empty() && !replace_file(picture, draw_svg(plot))) return complain_about(picture);
   if (options.json) {
     (void)std::fputs(as_json(plot).c_str(), stdout);
   } else if (picture.empty()) {

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 
 #include "utils.h"
@@ -14,6 +15,7 @@
 namespace {
 
 constexpr mode_t kFileMode = 0644;
+constexpr mode_t kFolderMode = 0755;
 
 }  // namespace
 
@@ -60,4 +62,36 @@ int write_text(const std::string& path, const std::string& text, int flags) {
   const int error = written < 0 || ((flags & O_CREAT) != 0 && ::fsync(file.get()) != 0) ? errno : 0;
   if (::close(file.release()) != 0 && error == 0) return errno;
   return error != 0 || written == static_cast<ssize_t>(text.size()) ? error : EIO;
+}
+
+bool is_special(const std::string& path) {
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+}
+
+bool replace_file(const std::string& path, const std::string& text) {
+  std::string beside = path + ".XXXXXX";
+  Descriptor made(::mkostemp(beside.data(), O_CLOEXEC));
+  if (!made) return false;
+  const mode_t mask = ::umask(0);
+  (void)::umask(mask);
+  const bool allowed = ::fchmod(made.get(), 0666 & ~mask) == 0;
+  FilePtr file(::fdopen(made.get(), "w"));
+  if (file) (void)made.release();
+  const bool whole = allowed && file && std::fputs(text.c_str(), file.get()) >= 0 &&
+                     std::fflush(file.get()) == 0 && ::fsync(::fileno(file.get())) == 0;
+  if (whole && ::rename(beside.c_str(), path.c_str()) == 0) return true;
+  const int reason = errno;
+  (void)::unlink(beside.c_str());
+  errno = reason;
+  return false;
+}
+
+int make_own_folder(const std::string& folder) {
+  (void)::mkdir(folder.c_str(), kFolderMode);
+  struct stat status {};
+  if (::stat(folder.c_str(), &status) != 0) return errno;
+  const bool isOwn = status.st_uid == 0 || status.st_uid == ::geteuid();
+  errno = isOwn && (status.st_mode & OTHERS_WRITE) == 0 ? 0 : EPERM;
+  return errno;
 }

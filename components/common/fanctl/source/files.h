@@ -29,3 +29,15 @@ std::vector<std::string> names_in(const std::string& folder);
 /// Writes text to a file in one go, as an attribute wants it; a new file (O_CREAT) is on the disk
 /// afterwards. flags: of open(), beside O_WRONLY. The error number, 0 for success.
 int write_text(const std::string& path, const std::string& text, int flags);
+
+/// Whether there is something of this name that is no plain file, such as a device or a link. It
+/// would be replaced, not written to.
+bool is_special(const std::string& path);
+
+/// Writes text beside the file and puts it in its place, so that it is never half there. False,
+/// with errno, when it cannot be written; the file is then as it was.
+bool replace_file(const std::string& path, const std::string& text);
+
+/// Makes a folder in which only root can write; one that is there has to be such a folder. The
+/// error number, EPERM for a folder of somebody else's; 0 for success.
+int make_own_folder(const std::string& folder);

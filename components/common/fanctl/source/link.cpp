@@ -24,6 +24,7 @@
 #include "files.h"
 #include "link-plan.h"
 #include "settings.h"
+#include "state.h"
 #include "utils.h"
 
 namespace {
@@ -159,24 +160,18 @@ class Place {
       refuse({"--to wants a folder with its whole path: ", m_folder});
     }
     const std::string parent = parent_of(m_folder);
-    (void)::mkdir(parent.c_str(), kFolderMode);
-    struct stat status {};
-    if (::stat(parent.c_str(), &status) != 0) {
-      refuse({parent, " cannot be used: ", std::strerror(errno)});
-    }
-    if ((status.st_mode & OTHERS_WRITE) != 0 ||
-        (status.st_uid != 0 && status.st_uid != ::geteuid())) {
-      refuse({"others can write to ", parent, ": choose a folder of root's"});
-    }
-    constexpr mode_t kOwnerOnly = 0600;
-    Descriptor file(::open((parent + kLockFile).c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC,
-                           kOwnerOnly));
-    if (!file) refuse({parent, kLockFile, " cannot be opened: ", std::strerror(errno)});
-    for (int second = 0; ::flock(file.get(), LOCK_EX | LOCK_NB) != 0; ++second) {
+    const int problem = make_own_folder(parent);
+    if (problem == EPERM) refuse({"others can write to ", parent, ": choose a folder of root's"});
+    if (problem != 0) refuse({parent, " cannot be used: ", std::strerror(problem)});
+    for (int second = 0;; ++second) {
+      Descriptor file = lock_file(parent + kLockFile);
+      if (file) return file.release();
+      if (errno != EWOULDBLOCK) {
+        refuse({parent, kLockFile, " cannot be opened: ", std::strerror(errno)});
+      }
       if (second == kLockPatience) refuse({"another fanctl link is at work in ", parent});
       (void)::sleep(1);
     }
-    return file.release();
   }
 
   std::string m_folder;

@@ -1,12 +1,14 @@
 #include "service-process.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
 #include <string>
 #include <string_view>
 
+#include "files.h"
+#include "settings.h"
+#include "state.h"
 #include "utils.h"
 
 namespace {
@@ -20,10 +22,60 @@ bool is_service(pid_t process) {
   return name && name.get() == kProgram.substr(0, 15);
 }
 
+// Runs, is halted, or has ended and waits for its parent: proc(5), the fields of stat behind the
+// name, which may hold blanks and brackets itself.
+ServiceProcess look_at(pid_t process) {
+  ServiceProcess found;
+  const FilePtr file(std::fopen(join({"/proc/", process, "/stat"}).c_str(), "r"));
+  std::string line;
+  if (process <= 0 || !is_service(process) || !file || !read_line(file.get(), line)) return found;
+  constexpr int kStateField = 3, kStartField = 22;
+  std::istringstream fields(line.substr(line.rfind(')') + 1));
+  std::string field, state;
+  for (int number = kStateField; number <= kStartField && fields >> field; ++number) {
+    if (number == kStateField) state = field;
+  }
+  if (state == "Z" || state == "X") return found;
+  found.process = process;
+  found.started = std::strtoull(field.c_str(), nullptr, 10);
+  found.state = state == "T" || state == "t" ? ServiceState::kHalted : ServiceState::kRuns;
+  return found;
+}
+
+struct PipeCloser {
+  void operator()(std::FILE* pipe) const noexcept { (void)::pclose(pipe); }
+};
+
+// What systemd knows of the unit; empty where there is no systemd.
+State ask_systemd() {
+  State unit;
+  if (!exists("/run/systemd/system")) return unit;
+  const std::unique_ptr<std::FILE, PipeCloser> answer(
+      ::popen("systemctl show --property=ActiveState,SubState,Result,MainPID "
+              "fan_controller.service 2>/dev/null",
+              "re"));
+  Setting line;
+  while (answer && next_setting(answer.get(), line)) unit[line.key] = line.value;
+  return unit;
+}
+
+// Between two attempts systemd is about to start it; a unit that has failed was not stopped by
+// hand, unless it had to be killed because it did not end in time.
+bool is_wanted(State& unit) {
+  const std::string& state = unit["ActiveState"];
+  return state == "active" || unit["SubState"] == "auto-restart" ||
+         (state == "failed" && unit["Result"] != "timeout");
+}
+
 }  // namespace
 
-pid_t find_service() {
+ServiceProcess look_at_service() {
   const auto text = sysfs_read_attr(kPidFile);
-  const pid_t process = text ? parse_int(text.get()) : 0;
-  return process > 0 && is_service(process) ? process : 0;
+  ServiceProcess found = look_at(text ? parse_int(text.get()) : 0);
+  if (found.process != 0) return found;
+  State unit = ask_systemd();
+  found = look_at(parse_int(unit["MainPID"].c_str()));
+  if (found.process != 0) return found;
+  if (text || is_wanted(unit)) found.state = ServiceState::kEnded;
+  return found;
 }

@@ -3,6 +3,19 @@
 
 #include <sys/types.h>
 
-/// The process number of the service by its pid file, once the process of that number is seen to be
-/// the service; 0 when it does not run.
-pid_t find_service();
+enum class ServiceState {
+  kRuns,
+  kHalted,  ///< its process is there, but a signal or a debugger holds it
+  kEnded,   ///< it should run and does not: it crashed, was killed or gave up
+  kOff,     ///< it does not run, and as far as can be seen nobody wants it to
+};
+
+struct ServiceProcess {
+  ServiceState state = ServiceState::kOff;
+  pid_t process = 0;               ///< 0: there is none
+  unsigned long long started = 0;  ///< clock ticks since boot; tells processes of one number apart
+};
+
+/// Looks for the service by its pid file and by what systemd says of its unit, where there is a
+/// systemd. A pid file without its process shows that the service did not end by itself.
+ServiceProcess look_at_service();

@@ -1,0 +1,38 @@
+#include "alerts.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "state.h"
+#include "utils.h"
+
+std::optional<std::time_t> flag_since(const char* flag) {
+  struct stat status {};
+  if (::lstat(flag, &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink != 1 ||
+      (status.st_uid != 0 && status.st_uid != ::geteuid())) {
+    return std::nullopt;
+  }
+  // A critical temperature is reported, and the file emptied, again and again: its birth tells.
+  struct statx birth {};
+  if (::statx(AT_FDCWD, flag, AT_SYMLINK_NOFOLLOW, STATX_BTIME, &birth) == 0 &&
+      (birth.stx_mask & STATX_BTIME) != 0) {
+    return static_cast<std::time_t>(birth.stx_btime.tv_sec);
+  }
+  return status.st_mtime;
+}
+
+GuardRecord read_guard_record() {
+  State state = read_state(GUARD_RECORD);
+  return {parse_int(state["number"].c_str()), state["stands"] == "yes",
+          static_cast<std::time_t>(std::strtoll(state["since"].c_str(), nullptr, 10)),
+          state["temperature"], state["text"]};
+}
+
+bool write_guard_record(const GuardRecord& record) {
+  return write_state(GUARD_RECORD, {{"number", std::to_string(record.number)},
+                                    {"stands", record.stands ? "yes" : "no"},
+                                    {"since", std::to_string(record.since)},
+                                    {"temperature", record.temperature},
+                                    {"text", record.text}});
+}
