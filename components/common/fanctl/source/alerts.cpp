@@ -24,15 +24,19 @@ std::optional<std::time_t> flag_since(const char* flag) {
 
 GuardRecord read_guard_record() {
   State state = read_state(GUARD_RECORD);
-  return {parse_int(state["number"].c_str()), state["stands"] == "yes",
+  return {parse_int(state["number"].c_str()),
+          state["stands"] == "yes",
           static_cast<std::time_t>(std::strtoll(state["since"].c_str(), nullptr, 10)),
-          state["temperature"], state["text"]};
+          state["reasons"],
+          state["temperature"],
+          state["text"]};
 }
 
 bool write_guard_record(const GuardRecord& record) {
   return write_state(GUARD_RECORD, {{"number", std::to_string(record.number)},
                                     {"stands", record.stands ? "yes" : "no"},
                                     {"since", std::to_string(record.since)},
+                                    {"reasons", record.reasons},
                                     {"temperature", record.temperature},
                                     {"text", record.text}});
 }

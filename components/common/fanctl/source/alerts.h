@@ -29,6 +29,7 @@ struct GuardRecord {
   int number = 0;       ///< counts what it did; 0: nothing yet
   bool stands = false;  ///< what made it act has not gone yet
   std::time_t since = 0;
+  std::string reasons;      ///< their names, such as "hot"
   std::string temperature;  ///< degrees Celsius; empty when it was not known
   std::string text;         ///< one sentence
 };

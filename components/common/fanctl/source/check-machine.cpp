@@ -152,7 +152,7 @@ void check_driver(const Settings& settings, const Machine& machine, MachineFindi
     return;
   }
   if (machine.driver.row == nullptr) return report_no_match(folder, machine, findings);
-  if (exists(folder + "/.link") && machine.bootFolder != folder) {
+  if (is_linked_folder(folder) && machine.bootFolder != folder) {
     findings.warning({folder,
                       " ends with the service and is not made again: run fanctl link with "
                       "--at-boot: see fanctl hardware"});

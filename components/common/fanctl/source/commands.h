@@ -41,3 +41,13 @@ struct CurveOptions {
 
 /// Draws the command over the temperature.
 ExitStatus run_curve(const Options& options, const CurveOptions& curve);
+
+struct GuardOptions {
+  bool dryRun = false;
+  bool serviceEnded = false;  ///< the caller knows that the service has ended other than by a stop
+  bool noDisks = false;       ///< only the sensor is measured
+};
+
+/// Gives the fan the highest command when something is wrong. A warning: it was necessary; an
+/// error: it was necessary and could not be done.
+ExitStatus run_guard(const Options& options, const GuardOptions& guard);

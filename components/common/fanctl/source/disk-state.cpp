@@ -47,7 +47,7 @@ void take_identity(const std::string& identity, DiskState& disk) {
   disk.serial = padded.substr(first, padded.find_last_not_of(' ') - first + 1);
 }
 
-DiskState look_at(const std::string& path) {
+DiskState look_at(const std::string& path, AskSilent askSilent) {
   DiskState disk;
   disk.path = path;
   const Descriptor device(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
@@ -56,6 +56,7 @@ DiskState look_at(const std::string& path) {
   disk.power = ask_power_mode(device.get());
   disk.answers = disk.power != PowerMode::kUnknown;
   if (disk.power == PowerMode::kStandby) return disk;
+  if (disk.power == PowerMode::kUnknown && askSilent == AskSilent::kNo) return disk;
   disk.temperature = get_smart_attr_value(device.get());
   take_identity(get_identify_data(device.get()), disk);
   disk.answers = disk.answers || disk.temperature != 0 || !disk.model.empty();
@@ -85,7 +86,7 @@ PowerMode ask_power_mode(int fd) {
   return PowerMode::kUnknown;
 }
 
-DiskList list_disk_states() {
+DiskList list_disk_states(AskSilent askSilent) {
   DiskList list;
   std::vector<std::string> paths;
   const FilePtr partitions(std::fopen(PARTITIONS_FILE, "rb"));
@@ -94,7 +95,7 @@ DiskList list_disk_states() {
     if (std::find(paths.begin(), path, *path) != path) {
       ++list.beyondZ;
     } else {
-      list.disks.push_back(look_at(*path));
+      list.disks.push_back(look_at(*path, askSilent));
     }
   }
   return list;

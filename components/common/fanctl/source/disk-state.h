@@ -25,12 +25,15 @@ struct DiskState {
   std::string serial;
 };
 
+/// Whether a disk that does not tell its power mode is asked for its temperature; it may be woken.
+enum class AskSilent { kNo, kYes };
+
 /// All disks that the service would measure, each once. A disk in standby is asked for nothing but
 /// its power mode. listed: whether the list of partitions could be read; beyondZ: how many disks
 /// have a name that the service takes for another disk's (sdaa and on).
 struct DiskList {
   bool listed = false;
   int beyondZ = 0;
-  std::vector<DiskState> disks;
+  std::vector<DiskState> disks = {};
 };
-DiskList list_disk_states();
+DiskList list_disk_states(AskSilent askSilent = AskSilent::kYes);

@@ -168,3 +168,5 @@ bool read_boot_file(const std::string& path, BootLink& boot) {
   }
   return true;
 }
+
+bool is_linked_folder(const std::string& folder) { return exists(folder + LINK_RECORD); }

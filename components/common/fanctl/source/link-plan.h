@@ -57,4 +57,11 @@ struct BootLink {
 /// Reads the file over what boot holds. False when there is none; refuses one that cannot be read.
 bool read_boot_file(const std::string& path, BootLink& boot);
 
+/// Within a folder that fanctl link has made: how the chip was before.
+inline constexpr char LINK_RECORD_FOLDER[] = "/.link";
+inline constexpr char LINK_RECORD[] = "/.link/record";
+
+/// Whether fanctl link has made the folder.
+bool is_linked_folder(const std::string& folder);
+
 inline constexpr char BOOT_FILE[] = "fan_link.conf";

@@ -29,8 +29,6 @@
 
 namespace {
 
-constexpr char kRecordFolder[] = "/.link";
-constexpr char kRecordFile[] = "/.link/record";
 constexpr char kUnfinished[] = ".new";
 constexpr char kSensorFolder[] = "/sensor";
 constexpr char kSensorFile[] = "/sensor/temp1_input";
@@ -56,8 +54,8 @@ void make_folder(const std::string& folder) {
 
 // Whether there is nothing in a folder but the record's own folder.
 bool is_empty(const std::string& folder) {
-  return std::ranges::all_of(names_in(folder),
-                             [](const std::string& name) { return "/" + name == kRecordFolder; });
+  return std::ranges::all_of(
+      names_in(folder), [](const std::string& name) { return "/" + name == LINK_RECORD_FOLDER; });
 }
 
 // Removes one of our own folders, which holds files, links and the record. The record goes last: it
@@ -68,8 +66,8 @@ void remove_folder(const std::string& folder) {
   }
   (void)::unlink((folder + kSensorFile).c_str());
   (void)::rmdir((folder + kSensorFolder).c_str());
-  (void)::unlink((folder + kRecordFile).c_str());
-  (void)::rmdir((folder + kRecordFolder).c_str());
+  (void)::unlink((folder + LINK_RECORD).c_str());
+  (void)::rmdir((folder + LINK_RECORD_FOLDER).c_str());
   (void)::rmdir(folder.c_str());
 }
 
@@ -100,7 +98,7 @@ std::string find_mode(const Record& record) {
 }
 
 bool read_record(const std::string& folder, Record& record) {
-  const FilePtr file(std::fopen((folder + kRecordFile).c_str(), "r"));
+  const FilePtr file(std::fopen((folder + LINK_RECORD).c_str(), "r"));
   if (!file) return false;
   Setting line;
   while (next_setting(file.get(), line)) {
@@ -113,9 +111,9 @@ bool read_record(const std::string& folder, Record& record) {
 }
 
 void write_record(const std::string& folder, const Record& record) {
-  make_folder(folder + kRecordFolder);
+  make_folder(folder + LINK_RECORD_FOLDER);
   write_new_file(
-      folder + kRecordFile,
+      folder + LINK_RECORD,
       join({"# For fanctl link --undo.\nchip=", record.chip, "\nchannel=", record.channel,
             "\nmode_path=", record.modePath, "\nmode_before=", record.modeBefore, "\n"}));
 }
@@ -291,7 +289,8 @@ ExitStatus link_chip(const Choice& choice, const std::string& sensor, const std:
   (void)std::printf("\nCommands are %s.\n",
                     plan.closeLoop ? "revolutions per minute" : "0 (stopped) to 255 (full power)");
   if (plan.files.contains("fan1_alarm")) {
-    (void)std::printf("It has no alarm: a fan that is blocked stays unnoticed.\n");
+    (void)std::printf("It has no alarm: a fan that is blocked stays unnoticed%s.\n",
+                      plan.links.contains("fan1_input") ? ", unless fanctl guard runs" : "");
   }
   return givenBack ? EXIT_FINE : EXIT_WARNINGS;
 }

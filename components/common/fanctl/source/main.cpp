@@ -13,7 +13,8 @@ namespace {
 int explain(const CLI::App& app, const CLI::ParseError& error, const char* first) {
   if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr && first != nullptr &&
       app.get_subcommands().empty()) {
-    (void)std::fprintf(stderr, "fanctl: there is no %s: check, hardware, link or curve\n", first);
+    (void)std::fprintf(stderr, "fanctl: there is no %s: check, hardware, link, curve or guard\n",
+                       first);
     return EXIT_WRONG_USE;
   }
   return app.exit(error) == 0 ? EXIT_FINE : EXIT_WRONG_USE;
@@ -65,6 +66,15 @@ int run(int argc, char* argv[]) {
   share_options(*drawer, options, true);
   drawer->add_option("--svg", curve.svgFile, "draw into this file instead")->type_name("FILE");
 
+  GuardOptions guard;
+  auto* guardian =
+      app.add_subcommand("guard", "the highest command when the service or a disk needs it");
+  share_options(*guardian, options, false);
+  guardian->add_flag("--dry-run", guard.dryRun, "only say what is wrong and what would be done");
+  guardian->add_flag("--no-disks", guard.noDisks, "measure the sensor only");
+  guardian->add_flag("--service-ended", guard.serviceEnded,
+                     "for the service's unit: it has ended other than by a stop");
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -93,6 +103,7 @@ int run(int argc, char* argv[]) {
   if (check->parsed()) return run_check(options);
   if (hardware->parsed()) return run_hardware(options);
   if (linker->parsed()) return run_link(options, link);
+  if (guardian->parsed()) return run_guard(options, guard);
   return run_curve(options, curve);
 }
 

@@ -1,0 +1,384 @@
+// fanctl guard: what makes it act, what does not, and the alarm that it supplies.
+#include <fcntl.h>
+#include <sys/file.h>
+
+#include <csignal>
+#include <functional>
+
+#include "alerts.h"
+#include "board.h"
+#include "commands.h"
+#include "state.h"
+
+namespace {
+
+const std::string kSettings =
+    "fan_driver_sysfs_dir=" + FAN + "\ntemp_sensor_sysfs_entry=" + SENSOR + "\n";
+const std::string kTable = "30=100\n60=240\n";
+
+struct GuardBoard : Board {
+  explicit GuardBoard(bool gpio = false) {
+    fan(FAN, gpio);
+    write(FAN + "/pwm1", "100\n");
+    write(SENSOR, "41000\n");
+    config(kSettings, kTable);
+  }
+  void disks(const std::string& first, const std::string& second = "") const {
+    write("/proc/partitions", second.empty() ? " 8 0 9 sda\n" : " 8 0 9 sda\n 8 16 9 sdb\n");
+    disk("sda", first);
+    if (!second.empty()) disk("sdb", second);
+  }
+  void without_sensor() const { config("fan_driver_sysfs_dir=" + FAN + "\n", kTable); }
+  int command(const std::string& name = "pwm1") const {
+    return std::atoi(read(FAN + "/" + name).c_str());
+  }
+  State record() const { return read_state(GUARD_RECORD); }
+};
+
+// The service in its first wait, which lasts as long as the test.
+struct Waiting : Service {
+  explicit Waiting(const GuardBoard& board, const char* speed = "1")
+      : Service((::setenv("APPLIANCE_SPEED", speed, 1), board)) {
+    ::unsetenv("APPLIANCE_SPEED");
+    REQUIRE(eventually([&] { return !board.entries({"select", "sleep"}).empty(); }));
+    board.remove("/journal");
+  }
+};
+
+}  // namespace
+
+TEST_CASE("what makes it act, and what does not") {
+  const auto sensor = [](const char* text) {
+    return [text](const GuardBoard& board) { board.write(SENSOR, text); };
+  };
+  const struct {
+    std::string name;
+    std::function<void(const GuardBoard&)> prepare;
+    int status, command;
+    std::string says;
+    Lines arguments = {"guard"};
+  } cases[] = {
+      {"all well", [](const GuardBoard&) {}, 0, 100, ""},
+      {"critical", sensor("65999\n"), 0, 100, ""},
+      {"above critical", sensor("66000\n"), 1, 240, "the sensor has 66 C"},
+      {"a glance",
+       [](const GuardBoard& b) {
+         b.write(SENSOR, "90000\n");
+         b.write("/timeline", "3 write " + SENSOR + " 40000\n");
+       },
+       0, 100, ""},
+      {"dry run",
+       sensor("90000\n"),
+       1,
+       100,
+       "Would write 240 to " + FAN + "/pwm1",
+       {"guard", "--dry-run"}},
+      {"hot and highest",
+       [](const GuardBoard& b) {
+         b.write(SENSOR, "90000\n");
+         b.write(FAN + "/pwm1", "240\n");
+       },
+       0, 240, ""},
+      {"a hot disk beside the sensor",
+       [](const GuardBoard& b) { b.disks("temperature=66\n", "power=standby\n"); }, 1, 240,
+       "/dev/sda has 66 C"},
+      {"the disk is not asked",
+       [](const GuardBoard& b) { b.disks("temperature=66\n"); },
+       0,
+       100,
+       "",
+       {"guard", "--no-disks"}},
+      {"dead sensor, no disks", [](const GuardBoard& b) { b.remove(SENSOR); }, 1, 240,
+       "no temperature can be read"},
+      {"sensor without a number", sensor("broken\n"), 1, 240, "no temperature can be read"},
+      {"dead sensor, not asking disks",
+       [](const GuardBoard& b) { b.remove(SENSOR); },
+       1,
+       240,
+       "no temperature can be read",
+       {"guard", "--no-disks"}},
+      {"dead sensor, disk",
+       [](const GuardBoard& b) {
+         b.remove(SENSOR);
+         b.disks("temperature=40\n");
+       },
+       0, 100, ""},
+      {"no sensor, all asleep",
+       [](const GuardBoard& b) {
+         b.without_sensor();
+         b.disks("power=standby\n", "fails=reject\n");
+       },
+       0, 100, ""},
+      {"no sensor, awake and silent",
+       [](const GuardBoard& b) {
+         b.without_sensor();
+         b.disks("fails=reject\n");
+       },
+       1, 240, "no temperature can be read"},
+      {"empty table",
+       [](const GuardBoard& b) { b.write(CONFIG + "/fan_cmd_tab.conf", "# nothing\n"); }, 1, 255,
+       "has no step"},
+      {"no table", [](const GuardBoard& b) { b.remove(CONFIG + "/fan_cmd_tab.conf"); }, 1, 255,
+       "fan_cmd_tab.conf cannot be read"},
+      {"table being written",
+       [](const GuardBoard& b) {
+         b.write(CONFIG + "/fan_cmd_tab.conf", "");
+         b.write("/timeline", "2 write " + CONFIG + "/fan_cmd_tab.conf 30=100\n");
+       },
+       0, 100, ""},
+      {"nothing is lowered",
+       [](const GuardBoard& b) {
+         b.write(FAN + "/pwm1", "250\n");
+         b.remove(SENSOR);
+       },
+       1, 250, "the fan has the highest command already"},
+      {"one attribute cannot be read",
+       [](const GuardBoard& b) {
+         b.write(SENSOR, "90000\n");
+         b.allow(FAN + "/fan1_div", 0);
+       },
+       1, 240, "the sensor has 90 C"},
+      {"refused",
+       [](const GuardBoard& b) {
+         b.write(SENSOR, "90000\n");
+         b.allow(FAN + "/pwm1", 0400);
+       },
+       2, 100, "could not be given the highest command, 240: " + FAN + "/pwm1: Permission denied"},
+      {"no driver",
+       [](const GuardBoard& b) {
+         b.write(SENSOR, "90000\n");
+         fs::remove_all(b.at(FAN));
+       },
+       2, 0, "there is no fan driver to give it to"},
+      {"no settings", [](const GuardBoard& b) { b.remove(CONFIG + "/fan_controller.conf"); }, 0,
+       100, "nothing to guard"},
+  };
+  for (const auto& each : cases) {
+    CAPTURE(each.name);
+    const GuardBoard board;
+    const Waiting service(board);
+    each.prepare(board);
+    const Fanctl run(board, each.arguments);
+    CHECK(run.status == each.status);
+    CHECK(board.command() == each.command);
+    CHECK_MESSAGE(contains(run.output + run.errors, each.says), (run.output + run.errors));
+    const bool told = each.status != 0 && each.arguments.size() == 1;
+    CHECK((board.record()["stands"] == "yes") ==
+          (told || each.says == "no temperature can be read"));
+    CHECK(board.entries({"woken"}).empty());
+  }
+}
+
+TEST_CASE("commands that are speeds") {
+  const GuardBoard board(true);
+  board.write(FAN + "/fan1_max", "3200\n");
+  board.config(kSettings, "# no step\n");
+  CHECK(Fanctl(board, {"guard"}).status == 1);
+  CHECK(board.command("fan1_target") == 3200);
+  board.write(FAN + "/fan1_target", "0\n");
+  board.write(FAN + "/fan1_max", "0\n");
+  CHECK(Fanctl(board, {"guard"}).status == 1);
+  CHECK(board.command("fan1_target") == 10000);
+}
+
+TEST_CASE("the service: killed, halted, out of memory, stopped, called by its unit") {
+  const struct {
+    std::string name;
+    std::function<void(Service&)> end;
+    int status, command;
+    std::string says;
+    Lines arguments = {"guard"};
+  } cases[] = {
+      {"killed", [](Service& s) { CHECK(s.wait_end(SIGKILL) == SIGKILL); }, 1, 240,
+       "does not run, although it should"},
+      {"halted", [](Service& s) { (void)::kill(s.daemon, SIGSTOP); }, 1, 240, "a signal holds"},
+      {"stopped", [](Service& s) { CHECK(s.wait_end(SIGTERM) == 0); }, 0, 100, ""},
+      {"ended, says the unit",
+       [](Service& s) { CHECK(s.wait_end(SIGTERM) == 0); },
+       1,
+       240,
+       "has ended",
+       {"guard", "--service-ended"}},
+  };
+  for (const auto& each : cases) {
+    CAPTURE(each.name);
+    const GuardBoard board;
+    Waiting service(board);
+    board.write(FAN + "/pwm1", "100\n");
+    each.end(service);
+    const Fanctl run(board, each.arguments);
+    CHECK(run.status == each.status);
+    CHECK(board.command() == each.command);
+    CHECK_MESSAGE(contains(run.errors, each.says), run.errors);
+  }
+}
+
+TEST_CASE("what systemd says of a service without a process") {
+  const std::string path = std::getenv("PATH");
+  const struct {
+    std::string answer;
+    int status;
+  } cases[] = {
+      {"ActiveState=inactive\nSubState=dead\nResult=success\nMainPID=0", 0},
+      {"ActiveState=activating\nSubState=auto-restart\nResult=signal\nMainPID=0", 1},
+      {"ActiveState=activating\nSubState=start-pre\nResult=success\nMainPID=0", 0},
+      {"ActiveState=failed\nSubState=failed\nResult=exit-code\nMainPID=0", 1},
+      {"ActiveState=failed\nSubState=failed\nResult=timeout\nMainPID=0", 0},
+      {"ActiveState=active\nSubState=running\nResult=success\nMainPID=0", 1},
+  };
+  for (const auto& each : cases) {
+    CAPTURE(each.answer);
+    const GuardBoard board;
+    board.write("/run/systemd/system/x", "");
+    board.write("/bin/systemctl", "#!/bin/sh\ncat <<'.'\n" + each.answer + "\n.\n");
+    board.allow("/bin/systemctl", 0755);
+    ::setenv("PATH", (board.at("/bin") + ":" + path).c_str(), 1);
+    CHECK(Fanctl(board, {"guard"}).status == each.status);
+    ::setenv("PATH", path.c_str(), 1);
+  }
+}
+
+TEST_CASE("somebody is told once, and again after it was over") {
+  const GuardBoard board;
+  const Waiting service(board);
+  const auto run = [&](const char* sensor) {
+    board.write(SENSOR, sensor);
+    board.remove("/journal");
+    const int status = Fanctl(board, {"guard"}).status;
+    return std::make_pair(status, board.entries({"syslog"}).size());
+  };
+  using Result = std::pair<int, std::size_t>;
+  CHECK(run("90000\n") == Result{1, 1});
+  State record = board.record();
+  CHECK(record["number"] == "1");
+  CHECK(record["temperature"] == "90");
+  CHECK(contains(record["text"], "the fan was given the highest command, 240"));
+  CHECK(run("90000\n") == Result{0, 0});  // has it
+  CHECK(board.record()["stands"] == "no");
+  board.write(FAN + "/pwm1", "100\n");
+  board.allow(FAN + "/pwm1", 0400);
+  CHECK(run("90000\n") == Result{2, 1});
+  CHECK(run("90000\n") == Result{2, 0});
+  record = board.record();
+  CHECK(record["number"] == "2");
+  CHECK(record["stands"] == "yes");
+  board.allow(FAN + "/pwm1", 0600);
+  CHECK(run("40000\n") == Result{0, 0});
+  CHECK(board.record()["stands"] == "no");
+}
+
+TEST_CASE("a system log that hangs holds up the service, and not the guard") {
+  const GuardBoard board;
+  REQUIRE(::mkfifo(board.at("/syslog").c_str(), 0600) == 0);
+  ::setenv("APPLIANCE_SPEED", "1", 1);
+  const Service service(board);
+  ::unsetenv("APPLIANCE_SPEED");
+  board.write(SENSOR, "90000\n");
+  CHECK(Fanctl(board, {"guard"}).status == 1);
+  CHECK(board.command() == 240);
+  CHECK(board.record()["number"] == "1");
+  CHECK(board.entries({"syslog"}).empty());
+}
+
+TEST_CASE("two runs do not meet; what the unit asks for does not wait for ever") {
+  const GuardBoard board;
+  board.write(SENSOR, "90000\n");
+  fs::create_directories(board.at(RUN_FOLDER));
+  const Handle lock(::open(board.at("/run/fan_controller/.guard.lock").c_str(),
+                           O_CREAT | O_RDWR | O_CLOEXEC, 0600));
+  REQUIRE(::flock(lock.number, LOCK_EX) == 0);
+  CHECK(Fanctl(board, {"guard"}).status == 0);
+  CHECK(board.command() == 100);
+  CHECK(Fanctl(board, {"guard", "--service-ended"}).status == 1);
+  CHECK(board.command() == 240);
+}
+
+TEST_CASE("a week of silences that are in order") {
+  constexpr int kRuns = 7 * 24 * 60 / 5;
+  const struct {
+    std::string name;
+    std::function<void(const GuardBoard&)> prepare;
+    int command;
+  } cases[] = {
+      {"spindown, all disks asleep",
+       [](const GuardBoard& b) {
+         b.without_sensor();
+         b.disks("power=standby\n", "power=standby\n");
+       },
+       100},
+      {"waiting for its settings",
+       [](const GuardBoard& b) { b.remove(CONFIG + "/fan_controller.conf"); }, 0},
+      {"waiting for the management library",
+       [](const GuardBoard& b) { fs::remove_all(b.at("/corvane")); }, 0},
+      {"restart of the fan", [](const GuardBoard& b) { b.write(FAN + "/fan1_alarm", "1\n"); }, 100},
+      {"critical alerts at the highest command",
+       [](const GuardBoard& b) { b.write(SENSOR, "70000\n"); }, 240},
+  };
+  for (const auto& each : cases) {
+    CAPTURE(each.name);
+    const GuardBoard board;
+    each.prepare(board);
+    const Waiting service(board, each.name == "restart of the fan" ? "200" : "1");
+    const int before = board.command();
+    const std::string output = traced([&] {
+      for (int run = 0; run < kRuns; ++run) REQUIRE(run_guard({}, {}) == EXIT_FINE);
+    });
+    if (each.command != 0) CHECK(before == each.command);
+    CHECK((board.command() == before || each.name == "restart of the fan"));
+    CHECK(board.record().empty());
+    CHECK(board.entries({"woken"}).empty());
+  }
+}
+
+TEST_CASE("the alarm of a chip that has none") {
+  const std::string folder = "/run/fan_controller/fan", alarm = folder + "/fan1_alarm";
+  const std::string chip = "/sys/devices/i2c/0-002e/hwmon/hwmon0/";
+  const struct {
+    std::string name, speed, command, before, timeline, after;
+  } cases[] = {
+      {"turns", "900", "100", "0", "", "0"},
+      {"turns again", "900", "100", "1", "", "0"},
+      {"stands still", "0", "100", "0", "", "1"},
+      {"stands as commanded", "0", "0", "1", "", "0"},
+      {"only slow to start", "0", "100", "0", "8 write " + chip + "fan1_input 700\n", "0"},
+      {"starts soon after", "0", "100", "0", "20 write " + chip + "fan1_input 700\n", "0"},
+      {"still stands, later turns", "0", "100", "1", "120 write " + chip + "fan1_input 700\n", "1"},
+  };
+  for (const auto& each : cases) {
+    CAPTURE(each.name);
+    const Board board(
+        {{0, "nct7802", "i2c/0-002e", "pwm1=1 pwm1_enable=2 fan1_input=1 temp1_input=40000"}});
+    board.config("fan_driver_sysfs_dir=" + folder + "\n", kTable);
+    REQUIRE(Fanctl(board, {"link", "nct7802"}).status == 0);
+    board.write(chip + "pwm1", each.command + "\n");
+    board.write(chip + "fan1_input", each.speed + "\n");
+    board.write(alarm, each.before + "\n");
+    board.write("/timeline", each.timeline);
+    CHECK(Fanctl(board, {"guard"}).status == 0);
+    CHECK(board.read(alarm) == each.after + "\n");
+  }
+
+  // A chip's own alarm is not written to.
+  const Board board(
+      {{0, "adt7475", "i2c/0-002e", "pwm1=1 pwm1_enable=2 fan1_input=0 fan1_alarm=0"}});
+  board.config("fan_driver_sysfs_dir=" + folder + "\n", kTable);
+  REQUIRE(Fanctl(board, {"link", "adt7475"}).status == 0);
+  CHECK(Fanctl(board, {"guard"}).status == 0);
+  CHECK(board.read(alarm) == "0\n");
+}
+
+TEST_CASE("the service reports a blocked fan by the alarm that the guard supplies") {
+  const std::string folder = "/run/fan_controller/fan";
+  const GuardBoard board;
+  board.chip({0, "nct7802", "i2c/0-002e", "pwm1=1 pwm1_enable=2 fan1_input=0"});
+  board.config("fan_driver_sysfs_dir=" + folder + "\ntemp_sensor_sysfs_entry=" + SENSOR + "\n",
+               kTable);
+  REQUIRE(Fanctl(board, {"link", "nct7802"}).status == 0);
+  const Waiting service(board, "2000");
+  CHECK(!board.exists(FAN_FAILED_FLAG));
+  CHECK(Fanctl(board, {"guard"}).status == 0);
+  CHECK(eventually([&] { return board.exists(FAN_FAILED_FLAG); }));
+  board.write("/sys/devices/i2c/0-002e/hwmon/hwmon0/fan1_input", "1200\n");
+  CHECK(Fanctl(board, {"guard"}).status == 0);
+  CHECK(eventually([&] { return !board.exists(FAN_FAILED_FLAG); }));
+}
