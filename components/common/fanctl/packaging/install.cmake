@@ -7,8 +7,10 @@ include(${packaging}/../../fan-controller/packaging/package.cmake)
 set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME ${package})
 
 install(TARGETS fanctl RUNTIME DESTINATION usr/sbin)
-install(FILES ${packaging}/fanctl-link.conf
+install(FILES ${packaging}/fanctl.conf
         DESTINATION usr/lib/systemd/system/fan_controller.service.d)
+install(FILES ${packaging}/fanctl-guard.service ${packaging}/fanctl-guard.timer
+        DESTINATION usr/lib/systemd/system)
 install(FILES doc/fanctl.8 DESTINATION usr/share/man/man8)
 install(FILES doc/fanctl.bash DESTINATION usr/share/bash-completion/completions RENAME fanctl)
 install(FILES ${packaging}/copyright DESTINATION ${documents})
@@ -25,5 +27,6 @@ command over the temperature.
 
 With this package the fan driver that fanctl has noted is presented anew before
 each start of the service, and given back when the service has ended.")
-set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${packaging}/postinst ${packaging}/postrm)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${packaging}/postinst ${packaging}/prerm
+    ${packaging}/postrm)
 include(CPack)

@@ -9,6 +9,7 @@
 #include "commands.h"
 #include "files.h"
 #include "findings.h"
+#include "guard.h"
 #include "link-plan.h"
 #include "service-process.h"
 #include "terminal.h"
@@ -59,6 +60,14 @@ std::string driver_text(const Settings& settings, const Machine& machine) {
   return join({kind, mode, ", in ", settings.m_fanDriverSysfsDir});
 }
 
+std::string alarm_text(const Settings& settings, const Driver& driver) {
+  if (real_path(driver.alarmPath).starts_with("/sys/")) return "from " + driver.alarmPath;
+  if (lacks_alarm(settings.m_fanDriverSysfsDir) && settings.m_fanAlarmPath.empty()) {
+    return driver.alarmPath + ", kept by fanctl guard: a blocked fan stays unnoticed without it";
+  }
+  return driver.alarmPath + ", not the driver's own: a blocked fan may stay unnoticed";
+}
+
 std::string temperature_text(const Settings& settings, const Machine& machine) {
   if (machine.sensorText) {
     return join({parse_int(machine.sensorText->c_str()) / 1000, " C now, from ",
@@ -92,11 +101,7 @@ Summary summarise(const Configuration& configuration, const Machine& machine) {
   }
   if (machine.driver.row != nullptr) {
     rows.push_back({"command", "to " + machine.driver.commandPath});
-    const bool fromDriver = real_path(machine.driver.alarmPath).starts_with("/sys/");
-    rows.push_back({"alarm", fromDriver ? "from " + machine.driver.alarmPath
-                                        : machine.driver.alarmPath +
-                                              ", not the driver's own: a blocked fan may stay "
-                                              "unnoticed"});
+    rows.push_back({"alarm", alarm_text(settings, machine.driver)});
   }
   rows.push_back({"temperature", temperature_text(settings, machine)});
   if (configuration.hasTable) {
