@@ -51,3 +51,12 @@ struct GuardOptions {
 /// Gives the fan the highest command when something is wrong. A warning: it was necessary; an
 /// error: it was necessary and could not be done.
 ExitStatus run_guard(const Options& options, const GuardOptions& guard);
+
+struct StatusOptions {
+  bool prometheus = false;
+  std::string outputFile;  ///< for metrics; empty: standard output
+  int watchSeconds = 0;    ///< between two looks; 0: one look
+};
+
+/// Says what holds now: service, temperature, fan, alerts, disks.
+ExitStatus run_status(const Options& options, const StatusOptions& wanted);

@@ -37,14 +37,16 @@ PowerMode power_mode(unsigned char status, unsigned char count) {
 
 // The service's identity of a drive: "Model: <model>\tSerial Nb : <serial>".
 void take_identity(const std::string& identity, DiskState& disk) {
+  constexpr std::string_view kFill(" \0", 2);  // some drives have NULs there
   constexpr std::string_view kModel = "Model: ", kSerial = "\tSerial Nb : ";
   const std::size_t serial = identity.find(kSerial);
   if (serial == std::string::npos || !identity.starts_with(kModel)) return;
   disk.model = identity.substr(kModel.size(), serial - kModel.size());
   const std::string padded = identity.substr(serial + kSerial.size());
-  const std::size_t first = padded.find_first_not_of(' ');
+  disk.model.erase(disk.model.find_last_not_of(kFill) + 1);
+  const std::size_t first = padded.find_first_not_of(kFill);
   if (first == std::string::npos) return;
-  disk.serial = padded.substr(first, padded.find_last_not_of(' ') - first + 1);
+  disk.serial = padded.substr(first, padded.find_last_not_of(kFill) - first + 1);
 }
 
 DiskState look_at(const std::string& path, AskSilent askSilent) {
@@ -57,6 +59,7 @@ DiskState look_at(const std::string& path, AskSilent askSilent) {
   disk.answers = disk.power != PowerMode::kUnknown;
   if (disk.power == PowerMode::kStandby) return disk;
   if (disk.power == PowerMode::kUnknown && askSilent == AskSilent::kNo) return disk;
+  disk.asked = true;
   disk.temperature = get_smart_attr_value(device.get());
   take_identity(get_identify_data(device.get()), disk);
   disk.answers = disk.answers || disk.temperature != 0 || !disk.model.empty();

@@ -19,6 +19,7 @@ struct DiskState {
   std::string path;
   bool opened = false;
   bool answers = false;  ///< it takes ATA commands
+  bool asked = false;    ///< for temperature and identity
   PowerMode power = PowerMode::kUnknown;
   int temperature = 0;  ///< degrees Celsius; 0, as for the service, when the disk gives none
   std::string model;    ///< empty while the disk sleeps

@@ -7,6 +7,7 @@
 
 #include "commands.h"
 #include "disk-state.h"
+#include "disk-text.h"
 #include "hwmon.h"
 #include "terminal.h"
 #include "utils.h"
@@ -103,21 +104,6 @@ Json describe_chip(const std::vector<Chip>& chips, const Chip& chip) {
   return json;
 }
 
-const char* state_name(const DiskState& disk) {
-  if (!disk.opened) return "closed";
-  if (disk.power == PowerMode::kStandby) return "sleeping";
-  return disk.answers ? "awake" : "silent";
-}
-
-Json describe_disk(const DiskState& disk) {
-  Json json = {{"path", disk.path}, {"state", state_name(disk)}};
-  if (disk.temperature != 0) json["celsius"] = disk.temperature;
-  // Bytes that are no UTF-8 cannot stand in JSON.
-  if (!disk.model.empty()) json["model"] = disk.model;
-  if (!disk.serial.empty()) json["serial"] = disk.serial;
-  return json;
-}
-
 // --- For people ---
 
 std::string number_or(const Json& json, const char* key, const char* otherwise) {
@@ -152,13 +138,9 @@ void print_chip(const Json& chip) {
 }
 
 void print_disk(const DiskState& disk) {
-  if (!disk.opened) return row(disk.path, "cannot be opened: are you root?", "");
-  if (disk.power == PowerMode::kStandby) return row(disk.path, "sleeping, was not woken", "disk");
-  if (!disk.answers) return row(disk.path, "takes no ATA command", "none: counts as 0 degrees");
-  const std::string who = join({printable(disk.model), "  ", printable(disk.serial)});
-  if (disk.temperature == 0)
-    return row(disk.path, "no temperature, " + who, "none: counts as 0 degrees");
-  row(disk.path, join({disk.temperature, " C, ", who}), "disk");
+  const bool sleeps = disk.power == PowerMode::kStandby;
+  const char* use = sleeps || disk.temperature != 0 ? "disk" : "none: counts as 0 degrees";
+  row(disk.path, describe_disk(disk), disk.opened ? use : "");
 }
 
 void print_all(const Json& chips, const DiskList& disks) {
@@ -179,7 +161,7 @@ ExitStatus run_hardware(const Options& options) {
   for (const Chip& chip : chips) described.push_back(describe_chip(chips, chip));
   if (options.json) {
     Json all = {{"chips", described}, {"disks", Json::array()}};
-    for (const DiskState& disk : disks.disks) all["disks"].push_back(describe_disk(disk));
+    for (const DiskState& disk : disks.disks) all["disks"].push_back(disk_as_json(disk));
     (void)std::printf("%s\n", all.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
   } else {
     print_all(described, disks);

@@ -4,17 +4,20 @@
 #include <exception>
 
 #include "commands.h"
+#include "terminal.h"
 #include "utils.h"
 
 namespace {
+
+constexpr int kLongestWatch = 3600;  // seconds between two looks
 
 // What CLI11 says about wrong use, with the status that all subcommands share. To ask for help is
 // no wrong use.
 int explain(const CLI::App& app, const CLI::ParseError& error, const char* first) {
   if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr && first != nullptr &&
       app.get_subcommands().empty()) {
-    (void)std::fprintf(stderr, "fanctl: there is no %s: check, hardware, link, curve or guard\n",
-                       first);
+    (void)std::fprintf(
+        stderr, "fanctl: there is no %s: check, hardware, link, curve, guard or status\n", first);
     return EXIT_WRONG_USE;
   }
   return app.exit(error) == 0 ? EXIT_FINE : EXIT_WRONG_USE;
@@ -75,6 +78,20 @@ int run(int argc, char* argv[]) {
   guardian->add_flag("--service-ended", guard.serviceEnded,
                      "for the service's unit: it has ended other than by a stop");
 
+  StatusOptions wanted;
+  auto* status = app.add_subcommand("status", "what holds now: service, fan, alerts, disks");
+  share_options(*status, options, true);
+  auto* metrics = status->add_flag("--prometheus", wanted.prometheus, "the same as metrics")
+                      ->excludes(status->get_option("--json"));
+  status->add_option("--output", wanted.outputFile, "write the metrics into this file instead")
+      ->type_name("FILE")
+      ->needs(metrics);
+  status->add_option("--watch", wanted.watchSeconds, "show it again and again until q is pressed")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(1, kLongestWatch))
+      ->excludes(status->get_option("--json"))
+      ->excludes(metrics);
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -98,12 +115,18 @@ int run(int argc, char* argv[]) {
     return EXIT_WRONG_USE;
   }
 
+  if (wanted.watchSeconds > 0 && !on_terminal()) {
+    (void)std::fputs("--watch needs a terminal to write to\n", stderr);
+    return EXIT_WRONG_USE;
+  }
+
   link.folderNamed = folder->count() > 0;
 
   if (check->parsed()) return run_check(options);
   if (hardware->parsed()) return run_hardware(options);
   if (linker->parsed()) return run_link(options, link);
   if (guardian->parsed()) return run_guard(options, guard);
+  if (status->parsed()) return run_status(options, wanted);
   return run_curve(options, curve);
 }
 

@@ -363,7 +363,12 @@ TEST_CASE("wrong use") {
                                  {"link", "a", "b"},
                                  {"link", "--undo", "a"},
                                  {"link", "--at-boot"},
-                                 {"link", "--at-boot", "--undo", "a"}}) {
+                                 {"link", "--at-boot", "--undo", "a"},
+                                 {"status", "--watch", "5"},  // no terminal
+                                 {"status", "--watch", "0"},
+                                 {"status", "--watch", "5", "--json"},
+                                 {"status", "--json", "--prometheus"},
+                                 {"status", "--output", "/run/x"}}) {
     const Fanctl run(board, arguments);
     CAPTURE(run.errors);
     CHECK(run.status == 64);
