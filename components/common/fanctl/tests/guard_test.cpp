@@ -1,6 +1,7 @@
 // fanctl guard: what makes it act, what does not, and the alarm that it supplies.
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/wait.h>
 
 #include <csignal>
 #include <functional>
@@ -44,6 +45,13 @@ struct Waiting : Service {
     board.remove("/journal");
   }
 };
+
+void halt(pid_t process) {
+  REQUIRE(::kill(process, SIGSTOP) == 0);
+  int status = 0;
+  REQUIRE(::waitpid(process, &status, WUNTRACED) == process);
+  REQUIRE(WIFSTOPPED(status));
+}
 
 }  // namespace
 
@@ -191,7 +199,7 @@ TEST_CASE("the service: killed, halted, out of memory, stopped, called by its un
   } cases[] = {
       {"killed", [](Service& s) { CHECK(s.wait_end(SIGKILL) == SIGKILL); }, 1, 240,
        "does not run, although it should"},
-      {"halted", [](Service& s) { (void)::kill(s.daemon, SIGSTOP); }, 1, 240, "a signal holds"},
+      {"halted", [](Service& s) { halt(s.daemon); }, 1, 240, "a signal holds"},
       {"stopped", [](Service& s) { CHECK(s.wait_end(SIGTERM) == 0); }, 0, 100, ""},
       {"ended, says the unit",
        [](Service& s) { CHECK(s.wait_end(SIGTERM) == 0); },
