@@ -268,8 +268,8 @@ APPLIANCE_INTERPOSED char* mkdtemp(char* path) noexcept {
   return path;
 }
 
-APPLIANCE_INTERPOSED int mkostemp(char* path, int flags) noexcept {
-  static auto* const real = next<int(char*, int)>("mkostemp");
+// Handed back as the caller knows it: with the appliance's path.
+static int makeFile(int (*real)(char*, int), char* path, int flags) {
   Route route(path, Use::kChange);
   if (route.tooLong) return -1;
   if (!route.redirected) return real(path, flags);
@@ -277,6 +277,13 @@ APPLIANCE_INTERPOSED int mkostemp(char* path, int flags) noexcept {
   const std::size_t length = std::strlen(path);
   std::memcpy(path, route.buffer + std::strlen(route.buffer) - length, length);
   return file;
+}
+
+APPLIANCE_INTERPOSED int mkostemp(char* path, int flags) {
+  return makeFile(next<int(char*, int)>("mkostemp"), path, flags);
+}
+APPLIANCE_INTERPOSED int mkostemp64(char* path, int flags) {
+  return makeFile(next<int(char*, int)>("mkostemp64"), path, flags);
 }
 
 // A program of the appliance. The other functions of the family do not come by here.

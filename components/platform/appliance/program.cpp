@@ -92,6 +92,11 @@ int execute(const Appliance& appliance, const Program::Start& start) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+std::set<pid_t> children() {
+  std::ifstream file("/proc/self/task/" + std::to_string(::getpid()) + "/children");
+  return {std::istream_iterator<pid_t>(file), {}};
+}
+
 bool simulationAnswers(const Appliance& appliance, const std::string& binary) {
   (void)execute(appliance, {.binary = binary});
   return !appliance.journal({"preload"}).empty();
@@ -143,9 +148,11 @@ Program::Program(const Appliance& appliance, const Start& start) {
   }
   answering.insert(start.binary);
   (void)::prctl(PR_SET_CHILD_SUBREAPER, 1);
+  const std::set<pid_t> before = children();
   parentStatus = execute(appliance, start);
-  // The daemon is the only child left.
-  std::ifstream("/proc/self/task/" + std::to_string(::getpid()) + "/children") >> daemon;
+  for (const pid_t child : children()) {
+    if (!before.contains(child)) daemon = child;
+  }
 }
 
 Program::~Program() {

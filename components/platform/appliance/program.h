@@ -39,9 +39,9 @@ std::string received(int descriptor, const std::function<bool(const std::string&
 // Runs a shipped binary, which may become a daemon, with the simulation preloaded. Throws, and
 // starts nothing, where the simulation does not answer: each binary is run once without arguments
 // to find out, which has to be harmless. The calling process adopts the daemon, so its end can be
-// seen; it may have no other child. A daemon that runs away is stopped by its limits of file size
-// and processor time. APPLIANCE_EMULATOR in the environment: what runs a binary of another
-// processor.
+// seen; no other child may be made meanwhile. A daemon that runs away is stopped by its limits of
+// file size and processor time. APPLIANCE_EMULATOR in the environment: what runs a binary of
+// another processor.
 class Program {
  public:
   struct Start {
