@@ -41,3 +41,11 @@ struct CurveOptions {
 
 /// Draws the command over the temperature.
 ExitStatus run_curve(const Options& options, const CurveOptions& curve);
+
+struct StandbyOptions {
+  bool end = false;  ///< bring the service back to normal operation, and forget
+  bool dryRun = false;
+};
+
+/// Puts the service into its spindown mode when all disks sleep, and back.
+ExitStatus run_standby(const Options& options, const StandbyOptions& standby);

@@ -47,10 +47,15 @@ void take_identity(const std::string& identity, DiskState& disk) {
   disk.serial = padded.substr(first, padded.find_last_not_of(' ') - first + 1);
 }
 
+// Neither opening nor closing it for reading makes a disk turn.
+Descriptor open_disk(const std::string& path) {
+  return Descriptor(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+}
+
 DiskState look_at(const std::string& path) {
   DiskState disk;
   disk.path = path;
-  const Descriptor device(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  const Descriptor device = open_disk(path);
   disk.opened = static_cast<bool>(device);
   if (!device) return disk;
   disk.power = ask_power_mode(device.get());
@@ -60,6 +65,28 @@ DiskState look_at(const std::string& path) {
   take_identity(get_identify_data(device.get()), disk);
   disk.answers = disk.answers || disk.temperature != 0 || !disk.model.empty();
   return disk;
+}
+
+// Each disk once. beyondZ: how many have a name that counts as another one's.
+struct Paths {
+  bool listed = false;
+  int beyondZ = 0;
+  std::vector<std::string> paths;
+};
+
+Paths list_paths() {
+  Paths list;
+  std::vector<std::string> paths;
+  const FilePtr partitions(std::fopen(PARTITIONS_FILE, "rb"));
+  list.listed = partitions && list_disks(partitions.get(), paths);
+  for (const std::string& path : paths) {
+    if (std::ranges::find(list.paths, path) == list.paths.end()) {
+      list.paths.push_back(path);
+    } else {
+      ++list.beyondZ;
+    }
+  }
+  return list;
 }
 
 }  // namespace
@@ -86,16 +113,22 @@ PowerMode ask_power_mode(int fd) {
 }
 
 DiskList list_disk_states() {
-  DiskList list;
-  std::vector<std::string> paths;
-  const FilePtr partitions(std::fopen(PARTITIONS_FILE, "rb"));
-  list.listed = partitions && list_disks(partitions.get(), paths);
-  for (auto path = paths.begin(); path != paths.end(); ++path) {
-    if (std::find(paths.begin(), path, *path) != path) {
-      ++list.beyondZ;
-    } else {
-      list.disks.push_back(look_at(*path));
-    }
-  }
+  const Paths found = list_paths();
+  DiskList list{.listed = found.listed, .beyondZ = found.beyondZ, .disks = {}};
+  for (const std::string& path : found.paths) list.disks.push_back(look_at(path));
   return list;
+}
+
+std::string why_awake() {
+  const Paths found = list_paths();
+  if (!found.listed) return "the list of disks cannot be read";
+  if (found.paths.empty()) return "there is no disk";
+  for (const std::string& path : found.paths) {
+    const Descriptor device = open_disk(path);
+    if (!device) return path + " cannot be opened";
+    const PowerMode power = ask_power_mode(device.get());
+    if (power == PowerMode::kActive) return path + " is awake";
+    if (power == PowerMode::kUnknown) return path + " does not tell whether it sleeps";
+  }
+  return {};
 }

@@ -34,3 +34,8 @@ struct DiskList {
   std::vector<DiskState> disks;
 };
 DiskList list_disk_states();
+
+/// Says why not all disks sleep, as in "/dev/sda is awake"; empty when they do. A disk that tells
+/// nothing counts as awake, and so do disks that are not listed. Asks for nothing but the power
+/// mode, up to the first disk that is awake.
+std::string why_awake();

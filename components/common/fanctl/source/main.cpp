@@ -13,7 +13,8 @@ namespace {
 int explain(const CLI::App& app, const CLI::ParseError& error, const char* first) {
   if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr && first != nullptr &&
       app.get_subcommands().empty()) {
-    (void)std::fprintf(stderr, "fanctl: there is no %s: check, hardware, link or curve\n", first);
+    (void)std::fprintf(stderr, "fanctl: there is no %s: check, hardware, link, curve or standby\n",
+                       first);
     return EXIT_WRONG_USE;
   }
   return app.exit(error) == 0 ? EXIT_FINE : EXIT_WRONG_USE;
@@ -65,6 +66,12 @@ int run(int argc, char* argv[]) {
   share_options(*drawer, options, true);
   drawer->add_option("--svg", curve.svgFile, "draw into this file instead")->type_name("FILE");
 
+  StandbyOptions standby;
+  auto* sleeper = app.add_subcommand("standby", "let the service rest while all disks sleep");
+  share_options(*sleeper, options, false);
+  sleeper->add_flag("--end", standby.end, "bring the service back to normal operation");
+  sleeper->add_flag("--dry-run", standby.dryRun, "say what would be done, and do nothing");
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -93,6 +100,7 @@ int run(int argc, char* argv[]) {
   if (check->parsed()) return run_check(options);
   if (hardware->parsed()) return run_hardware(options);
   if (linker->parsed()) return run_link(options, link);
+  if (sleeper->parsed()) return run_standby(options, standby);
   return run_curve(options, curve);
 }
 

@@ -79,3 +79,8 @@ ServiceProcess look_at_service() {
   if (text || is_wanted(unit)) found.state = ServiceState::kEnded;
   return found;
 }
+
+bool is_still_there(const ServiceProcess& service) {
+  const ServiceProcess now = look_at(service.process);
+  return now.process != 0 && now.started == service.started;
+}

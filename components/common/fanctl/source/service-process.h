@@ -19,3 +19,6 @@ struct ServiceProcess {
 /// Looks for the service by its pid file and by what systemd says of its unit, where there is a
 /// systemd. A pid file without its process shows that the service did not end by itself.
 ServiceProcess look_at_service();
+
+/// Whether this very process is still there.
+bool is_still_there(const ServiceProcess& service);
