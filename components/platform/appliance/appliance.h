@@ -14,6 +14,9 @@
 //   <root>/timeline  what shall happen while the program waits, in ascending order of seconds:
 //                    `<seconds> write <path> <text>`, `<seconds> remove <path>`,
 //                    `<seconds> mode <path> <octal>`, `<seconds> signal <NAME>`
+//   <root>/clock     when it is there at the first wait: the seconds since the start, for all
+//                    programs; time passes only when somebody writes it anew, in one step. What a
+//                    program has come to before it really waits stands in <root>/clock_reached.
 //   <root>/select    a number: what the next select() returns at once, with no descriptor marked;
 //                    the file is gone then
 //   <root>/fork      a signal's name: what the child of the next fork() gets at once; the file is

@@ -28,6 +28,7 @@ constexpr Microseconds kEndOfTime = std::numeric_limits<Microseconds>::max();
 constexpr Microseconds kLongestNap = 3600 * kSecond;  // of real waiting, keeps a timeval small
 constexpr std::size_t kTimelineMax = std::size_t{256} * 1024;
 constexpr std::size_t kScriptMax = 32;
+constexpr long kLookAgain = 500'000;  // nanoseconds between two looks at <root>/clock
 constexpr mode_t kFileMode = 0644;
 constexpr int kOctal = 8;
 constexpr int kDecimal = 10;
@@ -39,6 +40,7 @@ struct Clock {
   Microseconds elapsed;
   long long epoch;
   bool epochKnown;
+  bool follows;  // <root>/clock, from the first wait on
   std::size_t nextEvent;
 };
 constinit Clock clock{};
@@ -63,8 +65,46 @@ Select* realSelect() {
   return real;
 }
 
+// The time that <root>/clock gives; nothing when there is none.
+std::optional<Microseconds> givenTime() {
+  const std::string text = readFile(std::string(root()) + "/clock", kScriptMax);
+  if (text.empty()) return std::nullopt;
+  return fromSeconds(std::strtoll(text.c_str(), nullptr, kDecimal));
+}
+
+void tellReached(Microseconds time) {
+  const int file = openat(AT_FDCWD, (std::string(root()) + "/clock_reached").c_str(),
+                          O_WRONLY | O_CREAT | O_CLOEXEC, kFileMode);
+  const std::string text = std::to_string(time / kSecond) + '\n';
+  [[maybe_unused]] const ssize_t written = ::write(file, text.data(), text.size());
+  if (file >= 0) close(file);
+}
+
+// As passUntil, by <root>/clock. Signals are let in only while it really waits, so that each one
+// ends the wait.
+bool followUntil(Microseconds moment) {
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  sigprocmask(SIG_BLOCK, &all, &before);
+  bool interrupted = false;
+  Microseconds told = -1;
+  while (!interrupted && clock.elapsed < moment) {
+    const Microseconds given = givenTime().value_or(clock.elapsed);
+    clock.elapsed = std::max(clock.elapsed, std::min(given, moment));
+    if (clock.elapsed == moment) break;
+    if (given != told) tellReached(given);
+    told = given;
+    const timespec rest{.tv_sec = 0, .tv_nsec = kLookAgain};
+    interrupted = pselect(0, nullptr, nullptr, nullptr, &rest, &before) != 0;
+  }
+  sigprocmask(SIG_SETMASK, &before, nullptr);
+  return !interrupted;
+}
+
 // Lets time pass up to a moment; false when a signal came first.
 bool passUntil(Microseconds moment) {
+  if (clock.follows) return followUntil(moment);
   using RealClock = std::chrono::steady_clock;
   const double rate = speed();
   if (!(rate > 0)) {
@@ -201,6 +241,10 @@ struct Wait {
 };
 
 Wait wait(Microseconds length) {
+  if (const auto given = clock.follows ? std::nullopt : givenTime()) {
+    clock.follows = true;
+    clock.elapsed = *given;
+  }
   const Microseconds deadline = later(clock.elapsed, length);
   bool interrupted = false;
   while (!interrupted) {
@@ -292,6 +336,7 @@ long long appliance_elapsed() { return appliance::clock.elapsed / kSecond; }
 void appliance_reset() {
   appliance::clock.elapsed = 0;
   appliance::clock.nextEvent = 0;
+  appliance::clock.follows = false;
 }
 
 APPLIANCE_INTERPOSED time_t time(time_t* result) noexcept {

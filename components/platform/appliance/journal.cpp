@@ -1,5 +1,6 @@
 // The journal and the system log, which goes there.
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -101,8 +102,10 @@ void recordOutside(const char* path) {
   errno = cause;
 }
 
-// Whoever starts a program can see in its journal that the simulation stands before it.
+// Whoever starts a program can see in its journal that the simulation stands before it. Its process
+// has its name even if an emulator runs it.
 __attribute__((constructor)) static void recordPresence() {
+  if (root() != nullptr) (void)prctl(PR_SET_NAME, program_invocation_short_name);
   record("preload", "%s", program_invocation_short_name);
 }
 

@@ -4,7 +4,7 @@ _fanctl() {
   local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
   local command='' each options
   for each in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
-    case $each in check | hardware | link | curve | guard | status) command=$each && break ;; esac
+    case $each in check | hardware | link | curve | guard | status | standby) command=$each && break ;; esac
   done
 
   COMPREPLY=()
@@ -22,11 +22,12 @@ _fanctl() {
   esac
 
   case $command in
-    '') options='check hardware link curve guard status --help --version' ;;
+    '') options='check hardware link curve guard status standby --help --version' ;;
     link) options='--config-dir --to --sensor --at-boot --undo --help' ;;
     curve) options='--config-dir --json --svg --help' ;;
     guard) options='--config-dir --dry-run --no-disks --service-ended --help' ;;
     status) options='--config-dir --json --prometheus --output --watch --help' ;;
+    standby) options='--config-dir --dry-run --end --help' ;;
     *) options='--config-dir --json --help' ;;
   esac
   if [[ $command == link && $word != -* ]]; then

@@ -9,8 +9,13 @@ set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME ${package})
 install(TARGETS fanctl RUNTIME DESTINATION usr/sbin)
 install(FILES ${packaging}/fanctl.conf
         DESTINATION usr/lib/systemd/system/fan_controller.service.d)
-install(FILES ${packaging}/fanctl-guard.service ${packaging}/fanctl-guard.timer
+install(FILES ${packaging}/fanctl-guard.service
+              ${packaging}/fanctl-guard.timer
+              ${packaging}/fanctl-standby.service
+              ${packaging}/fanctl-standby.timer
+              ${packaging}/fanctl-standby-end.service
         DESTINATION usr/lib/systemd/system)
+install(DIRECTORY DESTINATION var/lib/fan_controller)
 install(FILES doc/fanctl.8 DESTINATION usr/share/man/man8)
 install(FILES doc/fanctl.bash DESTINATION usr/share/bash-completion/completions RENAME fanctl)
 install(FILES ${packaging}/copyright DESTINATION ${documents})

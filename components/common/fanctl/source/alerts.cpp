@@ -26,6 +26,7 @@ GuardRecord read_guard_record() {
   State state = read_state(GUARD_RECORD);
   return {parse_int(state["number"].c_str()),
           state["stands"] == "yes",
+          state["failed"] == "yes",
           static_cast<std::time_t>(std::strtoll(state["since"].c_str(), nullptr, 10)),
           state["reasons"],
           state["temperature"],
@@ -35,6 +36,7 @@ GuardRecord read_guard_record() {
 bool write_guard_record(const GuardRecord& record) {
   return write_state(GUARD_RECORD, {{"number", std::to_string(record.number)},
                                     {"stands", record.stands ? "yes" : "no"},
+                                    {"failed", record.failed ? "yes" : "no"},
                                     {"since", std::to_string(record.since)},
                                     {"reasons", record.reasons},
                                     {"temperature", record.temperature},

@@ -28,6 +28,7 @@ std::optional<std::time_t> flag_since(const char* flag);
 struct GuardRecord {
   int number = 0;       ///< counts what it did; 0: nothing yet
   bool stands = false;  ///< what made it act has not gone yet
+  bool failed = false;  ///< the fan could not be given the highest command
   std::time_t since = 0;
   std::string reasons;      ///< their names, such as "hot"
   std::string temperature;  ///< degrees Celsius; empty when it was not known

@@ -122,7 +122,7 @@ Summary summarise(const Configuration& configuration, const Machine& machine) {
   if (settings.m_pidFile != Settings().m_pidFile) {
     rows.push_back({"removes", settings.m_pidFile + " when it ends"});
   }
-  const pid_t process = look_at_service().process;
+  const pid_t process = look_at_service(settings.m_pidFile).process;
   rows.push_back({"service", process == 0 ? "does not run" : join({"runs as process ", process})});
   return rows;
 }

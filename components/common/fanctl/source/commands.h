@@ -60,3 +60,10 @@ struct StatusOptions {
 
 /// Says what holds now: service, temperature, fan, alerts, disks.
 ExitStatus run_status(const Options& options, const StatusOptions& wanted);
+struct StandbyOptions {
+  bool end = false;  ///< bring the service back to normal operation, and forget
+  bool dryRun = false;
+};
+
+/// Puts the service into its spindown mode when all disks sleep, and back.
+ExitStatus run_standby(const Options& options, const StandbyOptions& standby);

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <ctime>
 #include <string_view>
 
 #include "ata.h"
@@ -49,21 +50,58 @@ void take_identity(const std::string& identity, DiskState& disk) {
   disk.serial = padded.substr(first, padded.find_last_not_of(kFill) - first + 1);
 }
 
-DiskState look_at(const std::string& path, AskSilent askSilent) {
+// Of a clock that nobody sets.
+int seconds_now() {
+  timespec now{};
+  (void)::clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int>(now.tv_sec);
+}
+
+// Neither opening nor closing it for reading makes a disk turn.
+Descriptor open_disk(const std::string& path) {
+  return Descriptor(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+}
+
+DiskState look_at(const std::string& path, const DiskQuestions& questions, int end) {
   DiskState disk;
   disk.path = path;
-  const Descriptor device(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  const Descriptor device = open_disk(path);
   disk.opened = static_cast<bool>(device);
-  if (!device) return disk;
+  const auto isLate = [&] { return questions.seconds > 0 && seconds_now() >= end; };
+  if (!device || isLate()) return disk;
   disk.power = ask_power_mode(device.get());
   disk.answers = disk.power != PowerMode::kUnknown;
-  if (disk.power == PowerMode::kStandby) return disk;
-  if (disk.power == PowerMode::kUnknown && askSilent == AskSilent::kNo) return disk;
+  if (disk.power == PowerMode::kStandby || isLate()) return disk;
+  if (disk.power == PowerMode::kUnknown && !questions.askSilent) return disk;
   disk.asked = true;
   disk.temperature = get_smart_attr_value(device.get());
-  take_identity(get_identify_data(device.get()), disk);
+  if (!isLate() && (questions.nameAll || disk.temperature == 0)) {
+    take_identity(get_identify_data(device.get()), disk);
+  }
   disk.answers = disk.answers || disk.temperature != 0 || !disk.model.empty();
   return disk;
+}
+
+// Each disk once. beyondZ: how many have a name that counts as another one's.
+struct Paths {
+  bool listed = false;
+  int beyondZ = 0;
+  std::vector<std::string> paths;
+};
+
+Paths list_paths() {
+  Paths list;
+  std::vector<std::string> paths;
+  const FilePtr partitions(std::fopen(PARTITIONS_FILE, "rb"));
+  list.listed = partitions && list_disks(partitions.get(), paths);
+  for (const std::string& path : paths) {
+    if (std::ranges::find(list.paths, path) == list.paths.end()) {
+      list.paths.push_back(path);
+    } else {
+      ++list.beyondZ;
+    }
+  }
+  return list;
 }
 
 }  // namespace
@@ -89,17 +127,24 @@ PowerMode ask_power_mode(int fd) {
   return PowerMode::kUnknown;
 }
 
-DiskList list_disk_states(AskSilent askSilent) {
-  DiskList list;
-  std::vector<std::string> paths;
-  const FilePtr partitions(std::fopen(PARTITIONS_FILE, "rb"));
-  list.listed = partitions && list_disks(partitions.get(), paths);
-  for (auto path = paths.begin(); path != paths.end(); ++path) {
-    if (std::find(paths.begin(), path, *path) != path) {
-      ++list.beyondZ;
-    } else {
-      list.disks.push_back(look_at(*path, askSilent));
-    }
-  }
+DiskList list_disk_states(const DiskQuestions& questions) {
+  const int end = seconds_now() + questions.seconds;
+  const Paths found = list_paths();
+  DiskList list{.listed = found.listed, .beyondZ = found.beyondZ, .disks = {}};
+  for (const std::string& path : found.paths) list.disks.push_back(look_at(path, questions, end));
   return list;
+}
+
+std::string why_awake() {
+  const Paths found = list_paths();
+  if (!found.listed) return "the list of disks cannot be read";
+  if (found.paths.empty()) return "there is no disk";
+  for (const std::string& path : found.paths) {
+    const Descriptor device = open_disk(path);
+    if (!device) return path + " cannot be opened";
+    const PowerMode power = ask_power_mode(device.get());
+    if (power == PowerMode::kActive) return path + " is awake";
+    if (power == PowerMode::kUnknown) return path + " does not tell whether it sleeps";
+  }
+  return {};
 }

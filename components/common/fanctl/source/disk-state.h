@@ -26,8 +26,12 @@ struct DiskState {
   std::string serial;
 };
 
-/// Whether a disk that does not tell its power mode is asked for its temperature; it may be woken.
-enum class AskSilent { kNo, kYes };
+/// How disks are asked.
+struct DiskQuestions {
+  bool askSilent = true;  ///< a disk that does not tell its power mode, too; it may be woken
+  bool nameAll = true;    ///< else only disks without a temperature are asked who they are
+  int seconds = 0;  ///< after which no further disk is asked, as if it told nothing; 0: no end
+};
 
 /// All disks that the service would measure, each once. A disk in standby is asked for nothing but
 /// its power mode. listed: whether the list of partitions could be read; beyondZ: how many disks
@@ -37,4 +41,9 @@ struct DiskList {
   int beyondZ = 0;
   std::vector<DiskState> disks = {};
 };
-DiskList list_disk_states(AskSilent askSilent = AskSilent::kYes);
+DiskList list_disk_states(const DiskQuestions& questions = {});
+
+/// Says why not all disks sleep, as in "/dev/sda is awake"; empty when they do. A disk that tells
+/// nothing counts as awake, and so do disks that are not listed. Asks for nothing but the power
+/// mode, up to the first disk that is awake.
+std::string why_awake();

@@ -17,7 +17,8 @@ int explain(const CLI::App& app, const CLI::ParseError& error, const char* first
   if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr && first != nullptr &&
       app.get_subcommands().empty()) {
     (void)std::fprintf(
-        stderr, "fanctl: there is no %s: check, hardware, link, curve, guard or status\n", first);
+        stderr, "fanctl: there is no %s: check, hardware, link, curve, guard, status or standby\n",
+        first);
     return EXIT_WRONG_USE;
   }
   return app.exit(error) == 0 ? EXIT_FINE : EXIT_WRONG_USE;
@@ -91,6 +92,11 @@ int run(int argc, char* argv[]) {
       ->check(CLI::Range(1, kLongestWatch))
       ->excludes(status->get_option("--json"))
       ->excludes(metrics);
+  StandbyOptions standby;
+  auto* sleeper = app.add_subcommand("standby", "let the service rest while all disks sleep");
+  share_options(*sleeper, options, false);
+  sleeper->add_flag("--end", standby.end, "bring the service back to normal operation");
+  sleeper->add_flag("--dry-run", standby.dryRun, "say what would be done, and do nothing");
 
   try {
     app.parse(argc, argv);
@@ -127,6 +133,7 @@ int run(int argc, char* argv[]) {
   if (linker->parsed()) return run_link(options, link);
   if (guardian->parsed()) return run_guard(options, guard);
   if (status->parsed()) return run_status(options, wanted);
+  if (sleeper->parsed()) return run_standby(options, standby);
   return run_curve(options, curve);
 }
 

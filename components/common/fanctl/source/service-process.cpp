@@ -13,7 +13,8 @@
 
 namespace {
 
-constexpr char kPidFile[] = "/var/run/fan_controller.pid";
+// Made by the service's unit when it is stopped on purpose, and removed when it is started.
+constexpr char kStopped[] = "/run/fan_controller/stopped";
 constexpr std::string_view kProgram = "fan_controller";
 
 // The kernel shows the first 15 characters of a program's name.
@@ -51,7 +52,7 @@ State ask_systemd() {
   State unit;
   if (!exists("/run/systemd/system")) return unit;
   const std::unique_ptr<std::FILE, PipeCloser> answer(
-      ::popen("systemctl show --property=ActiveState,SubState,Result,MainPID "
+      ::popen("systemctl show --property=ActiveState,SubState,MainPID "
               "fan_controller.service 2>/dev/null",
               "re"));
   Setting line;
@@ -59,23 +60,29 @@ State ask_systemd() {
   return unit;
 }
 
-// Between two attempts systemd is about to start it; a unit that has failed was not stopped by
-// hand, unless it had to be killed because it did not end in time.
+// Between two attempts systemd is about to start it. A unit that has failed was not stopped by
+// hand, unless there is the mark: a stop that fails is a stop all the same.
 bool is_wanted(State& unit) {
   const std::string& state = unit["ActiveState"];
   return state == "active" || unit["SubState"] == "auto-restart" ||
-         (state == "failed" && unit["Result"] != "timeout");
+         (state == "failed" && !exists(kStopped));
 }
 
 }  // namespace
 
-ServiceProcess look_at_service() {
-  const auto text = sysfs_read_attr(kPidFile);
+ServiceProcess look_at_service(const std::string& removedFile) {
+  const auto text = sysfs_read_attr(PID_FILE_PATH);
   ServiceProcess found = look_at(text ? parse_int(text.get()) : 0);
   if (found.process != 0) return found;
   State unit = ask_systemd();
   found = look_at(parse_int(unit["MainPID"].c_str()));
   if (found.process != 0) return found;
-  if (text || is_wanted(unit)) found.state = ServiceState::kEnded;
+  const bool isLeft = text && removedFile == PID_FILE_PATH;
+  if (isLeft || is_wanted(unit)) found.state = ServiceState::kEnded;
   return found;
+}
+
+bool is_still_there(const ServiceProcess& service) {
+  const ServiceProcess now = look_at(service.process);
+  return now.process != 0 && now.started == service.started;
 }

@@ -3,6 +3,8 @@
 
 #include <sys/types.h>
 
+#include <string>
+
 enum class ServiceState {
   kRuns,
   kHalted,  ///< its process is there, but a signal or a debugger holds it
@@ -16,6 +18,14 @@ struct ServiceProcess {
   unsigned long long started = 0;  ///< clock ticks since boot; tells processes of one number apart
 };
 
+/// The file with its process number, wherever the configuration wants it removed.
+inline constexpr char PID_FILE_PATH[] = "/var/run/fan_controller.pid";
+
 /// Looks for the service by its pid file and by what systemd says of its unit, where there is a
-/// systemd. A pid file without its process shows that the service did not end by itself.
-ServiceProcess look_at_service();
+/// systemd. A pid file without its process shows that the service was not stopped; removedFile: the
+/// one that a service removes when it is stopped. Where that is another one, the first tells
+/// nothing.
+ServiceProcess look_at_service(const std::string& removedFile = PID_FILE_PATH);
+
+/// Whether this very process is still there.
+bool is_still_there(const ServiceProcess& service);

@@ -88,7 +88,7 @@ void look_at_temperature(Status& status, const std::optional<DiskList>& disks) {
   status.temperature = read_sensor(configuration.settings);
   // To ask a disk that does not tell whether it sleeps may wake it, unless the service does so too.
   const bool isMeasured = status.runs() && !status.inSpindown && !status.temperature;
-  status.disks = disks ? *disks : list_disk_states(isMeasured ? AskSilent::kYes : AskSilent::kNo);
+  status.disks = disks ? *disks : list_disk_states({.askSilent = isMeasured});
   if (!status.temperature) status.temperature = hottest_disk(status.disks);
   if (!status.temperature || !configuration.hasTable) return;
   // What was measured before is known to the service alone.
@@ -148,7 +148,7 @@ Status look_at_status(const Options& options, const std::optional<DiskList>& dis
   Status status;
   status.now = std::time(nullptr);
   status.configuration = read_configuration(options.configDir);
-  status.service = look_at_service();
+  status.service = look_at_service(status.configuration.settings.m_pidFile);
   status.serviceSince = start_of(status.service, status.now);
   status.inSpindown = is_in_spindown(status.service);
   look_at_temperature(status, disks);

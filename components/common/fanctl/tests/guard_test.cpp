@@ -1,10 +1,13 @@
 // fanctl guard: what makes it act, what does not, and the alarm that it supplies.
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 
 #include <csignal>
+#include <fstream>
 #include <functional>
+#include <tuple>
 
 #include "alerts.h"
 #include "board.h"
@@ -45,6 +48,33 @@ struct Waiting : Service {
     board.remove("/journal");
   }
 };
+
+std::string text_of(const char* path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// A sanitizer and an emulator end the program in their own way.
+bool can_run_out_of_memory() {
+#ifdef __SANITIZE_ADDRESS__
+  return false;
+#else
+  const char* const emulator = std::getenv("APPLIANCE_EMULATOR");
+  return emulator == nullptr || *emulator == '\0';
+#endif
+}
+
+// A long list of disks cannot be read any more.
+void run_out_of_memory(Service& service) {
+  rlim_t pages = 0;
+  std::ifstream("/proc/" + std::to_string(service.daemon) + "/statm") >> pages;
+  const rlim_t now = pages * static_cast<rlim_t>(::sysconf(_SC_PAGESIZE));
+  const rlimit most = {now + (1U << 20), now + (1U << 20)};
+  REQUIRE(::prlimit(service.daemon, RLIMIT_AS, &most, nullptr) == 0);
+  const int status = service.wait_end(SIGUSR2);
+  REQUIRE(WIFEXITED(status));
+  CHECK(WEXITSTATUS(status) == 1);
+}
 
 void halt(pid_t process) {
   REQUIRE(::kill(process, SIGSTOP) == 0);
@@ -117,6 +147,24 @@ TEST_CASE("what makes it act, and what does not") {
          b.disks("power=standby\n", "fails=reject\n");
        },
        0, 100, ""},
+      {"no sensor, one asleep, one awake without a temperature",
+       [](const GuardBoard& b) {
+         b.without_sensor();
+         b.disks("power=standby\n", "model=FLASH\n");
+       },
+       0, 100, ""},
+      {"no sensor, awake without a temperature",
+       [](const GuardBoard& b) {
+         b.without_sensor();
+         b.disks("model=FLASH\n");
+       },
+       1, 240, "no temperature can be read"},
+      {"no list of disks",
+       [](const GuardBoard& b) {
+         b.without_sensor();
+         b.remove("/proc/partitions");
+       },
+       1, 240, "no temperature can be read"},
       {"no sensor, awake and silent",
        [](const GuardBoard& b) {
          b.without_sensor();
@@ -134,6 +182,27 @@ TEST_CASE("what makes it act, and what does not") {
          b.write("/timeline", "2 write " + CONFIG + "/fan_cmd_tab.conf 30=100\n");
        },
        0, 100, ""},
+      {"no command above 0",
+       [](const GuardBoard& b) { b.write(CONFIG + "/fan_cmd_tab.conf", "30=0\n60=\n"); }, 1, 255,
+       "has no command above 0"},
+      {"the greatest command is not the last",
+       [](const GuardBoard& b) {
+         b.write(SENSOR, "90000\n");
+         b.write(CONFIG + "/fan_cmd_tab.conf", "30=240\n60=100\n");
+       },
+       1, 240, "the sensor has 90 C"},
+      {"taken, but not quite shown",
+       [](const GuardBoard& b) {
+         b.write(SENSOR, "90000\n");
+         b.write("/timeline", "6 write " + FAN + "/pwm1 200\n");
+       },
+       1, 200, "was given the highest command, 240"},
+      {"not taken",
+       [](const GuardBoard& b) {
+         b.write(SENSOR, "90000\n");
+         b.write("/timeline", "6 write " + FAN + "/pwm1 100\n");
+       },
+       2, 100, "could not be given the highest command, 240: " + FAN + "/pwm1 still reads 100"},
       {"nothing is lowered",
        [](const GuardBoard& b) {
          b.write(FAN + "/pwm1", "250\n");
@@ -199,6 +268,7 @@ TEST_CASE("the service: killed, halted, out of memory, stopped, called by its un
   } cases[] = {
       {"killed", [](Service& s) { CHECK(s.wait_end(SIGKILL) == SIGKILL); }, 1, 240,
        "does not run, although it should"},
+      {"out of memory", run_out_of_memory, 1, 240, "does not run, although it should"},
       {"halted", [](Service& s) { halt(s.daemon); }, 1, 240, "a signal holds"},
       {"stopped", [](Service& s) { CHECK(s.wait_end(SIGTERM) == 0); }, 0, 100, ""},
       {"ended, says the unit",
@@ -211,9 +281,15 @@ TEST_CASE("the service: killed, halted, out of memory, stopped, called by its un
   for (const auto& each : cases) {
     CAPTURE(each.name);
     const GuardBoard board;
+    if (each.name == "out of memory" && !can_run_out_of_memory()) continue;
+    if (each.name == "out of memory") board.without_sensor();
     Waiting service(board);
+    std::string disks;
+    for (int disk = 0; disk < 200'000; ++disk) disks += " sda\n";
+    board.write("/proc/partitions", disks);
     board.write(FAN + "/pwm1", "100\n");
     each.end(service);
+    board.write("/proc/partitions", "");
     const Fanctl run(board, each.arguments);
     CHECK(run.status == each.status);
     CHECK(board.command() == each.command);
@@ -226,18 +302,21 @@ TEST_CASE("what systemd says of a service without a process") {
   const struct {
     std::string answer;
     int status;
+    bool isMarked = false;
   } cases[] = {
-      {"ActiveState=inactive\nSubState=dead\nResult=success\nMainPID=0", 0},
-      {"ActiveState=activating\nSubState=auto-restart\nResult=signal\nMainPID=0", 1},
-      {"ActiveState=activating\nSubState=start-pre\nResult=success\nMainPID=0", 0},
-      {"ActiveState=failed\nSubState=failed\nResult=exit-code\nMainPID=0", 1},
-      {"ActiveState=failed\nSubState=failed\nResult=timeout\nMainPID=0", 0},
-      {"ActiveState=active\nSubState=running\nResult=success\nMainPID=0", 1},
+      {"ActiveState=inactive\nSubState=dead\nMainPID=0", 0},
+      {"ActiveState=activating\nSubState=auto-restart\nMainPID=0", 1},
+      {"ActiveState=activating\nSubState=start-pre\nMainPID=0", 0},
+      {"ActiveState=deactivating\nSubState=stop-post\nMainPID=0", 0},
+      {"ActiveState=failed\nSubState=failed\nMainPID=0", 1},
+      {"ActiveState=failed\nSubState=failed\nMainPID=0", 0, true},
+      {"ActiveState=active\nSubState=running\nMainPID=0", 1},
   };
   for (const auto& each : cases) {
     CAPTURE(each.answer);
     const GuardBoard board;
     board.write("/run/systemd/system/x", "");
+    if (each.isMarked) board.write("/run/fan_controller/stopped", "");
     board.write("/bin/systemctl", "#!/bin/sh\ncat <<'.'\n" + each.answer + "\n.\n");
     board.allow("/bin/systemctl", 0755);
     ::setenv("PATH", (board.at("/bin") + ":" + path).c_str(), 1);
@@ -246,33 +325,59 @@ TEST_CASE("what systemd says of a service without a process") {
   }
 }
 
-TEST_CASE("somebody is told once, and again after it was over") {
+TEST_CASE("somebody is told once, and again when it is another story") {
   const GuardBoard board;
   const Waiting service(board);
+  long long clock = 1'800'000'000;
+  using Result = std::tuple<int, std::size_t, std::string, std::string>;
+  // Status, lines in the system log, number of the record and whether it stands.
   const auto run = [&](const char* sensor) {
+    ::setenv("APPLIANCE_EPOCH", std::to_string(clock += 60).c_str(), 1);
     board.write(SENSOR, sensor);
     board.remove("/journal");
     const int status = Fanctl(board, {"guard"}).status;
-    return std::make_pair(status, board.entries({"syslog"}).size());
+    const State record = board.record();
+    return Result{status, board.entries({"syslog"}).size(), record.at("number"),
+                  record.at("stands")};
   };
-  using Result = std::pair<int, std::size_t>;
-  CHECK(run("90000\n") == Result{1, 1});
-  State record = board.record();
-  CHECK(record["number"] == "1");
-  CHECK(record["temperature"] == "90");
-  CHECK(contains(record["text"], "the fan was given the highest command, 240"));
-  CHECK(run("90000\n") == Result{0, 0});  // has it
-  CHECK(board.record()["stands"] == "no");
+  CHECK(run("90000\n") == Result{1, 1, "1", "yes"});
+  CHECK(
+      board.entries({"syslog"}).front().starts_with("syslog 2 fanctl guard: the sensor has 90 C"));
+  CHECK(board.record()["temperature"] == "90");
+  CHECK(contains(board.record()["text"], "the fan was given the highest command, 240"));
+  CHECK(run("90000\n") == Result{0, 0, "1", "yes"});  // still hot
+  board.write(FAN + "/pwm1", "100\n");
+  CHECK(run("90000\n") == Result{1, 1, "1", "yes"});  // the same again
   board.write(FAN + "/pwm1", "100\n");
   board.allow(FAN + "/pwm1", 0400);
-  CHECK(run("90000\n") == Result{2, 1});
-  CHECK(run("90000\n") == Result{2, 0});
-  record = board.record();
-  CHECK(record["number"] == "2");
-  CHECK(record["stands"] == "yes");
+  CHECK(run("90000\n") == Result{2, 1, "2", "yes"});
+  CHECK(contains(board.record()["text"], "could not be given"));
+  CHECK(run("90000\n") == Result{2, 0, "2", "yes"});
+  clock += 3600;
+  CHECK(run("90000\n") == Result{2, 1, "3", "yes"});
   board.allow(FAN + "/pwm1", 0600);
-  CHECK(run("40000\n") == Result{0, 0});
-  CHECK(board.record()["stands"] == "no");
+  CHECK(run("40000\n") == Result{0, 0, "3", "no"});
+  CHECK(run("90000\n") == Result{1, 1, "3", "yes"});  // comes and goes
+  CHECK(run("40000\n") == Result{0, 0, "3", "no"});
+  clock += 600;
+  board.write(FAN + "/pwm1", "100\n");
+  CHECK(run("90000\n") == Result{1, 1, "4", "yes"});
+}
+
+TEST_CASE("disks beside a sensor that is well are asked every fifth minute") {
+  const GuardBoard board;
+  const Waiting service(board);
+  board.disks("temperature=40\n");
+  const auto asked = [&](long long clock) {
+    ::setenv("APPLIANCE_EPOCH", std::to_string(clock).c_str(), 1);
+    board.remove("/journal");
+    CHECK(Fanctl(board, {"guard"}).status == 0);
+    return board.entries({"sg_io"}).size();
+  };
+  CHECK(asked(1'800'000'000) == 2);  // power mode, SMART data
+  CHECK(asked(1'800'000'299) == 0);
+  CHECK(asked(1'800'000'300) == 2);
+  CHECK(asked(1'700'000'000) == 2);  // the clock was set back
 }
 
 TEST_CASE("a system log that hangs holds up the service, and not the guard") {
@@ -288,17 +393,65 @@ TEST_CASE("a system log that hangs holds up the service, and not the guard") {
   CHECK(board.entries({"syslog"}).empty());
 }
 
-TEST_CASE("two runs do not meet; what the unit asks for does not wait for ever") {
+TEST_CASE("another run that hangs does not keep the fan from its command") {
   const GuardBoard board;
   board.write(SENSOR, "90000\n");
   fs::create_directories(board.at(RUN_FOLDER));
   const Handle lock(::open(board.at("/run/fan_controller/.guard.lock").c_str(),
                            O_CREAT | O_RDWR | O_CLOEXEC, 0600));
   REQUIRE(::flock(lock.number, LOCK_EX) == 0);
-  CHECK(Fanctl(board, {"guard"}).status == 0);
-  CHECK(board.command() == 100);
-  CHECK(Fanctl(board, {"guard", "--service-ended"}).status == 1);
+  CHECK(Fanctl(board, {"guard"}).status == 1);
   CHECK(board.command() == 240);
+}
+
+// The shell text of the addition to the service's unit, on the board.
+TEST_CASE("what the service's unit does when the service has ended") {
+  std::string unit = text_of(FANCTL_UNIT),
+              script = unit.substr(unit.find("ExecStopPost=+/bin/sh -c '") + 26);
+  script.resize(script.rfind('\''));
+  const auto put = [&](const std::string& from, const std::string& to) {
+    for (std::size_t at = 0; (at = script.find(from, at)) != std::string::npos; at += to.size()) {
+      script.replace(at, from.size(), to);
+    }
+  };
+  const struct {
+    std::string name, pidof, jobs, isActive, guard;
+    std::string does;
+    bool marks = false;
+  } cases[] = {
+      {"stop", "1", "1 fan_controller.service stop running", "0", "1", "link --undo\n", true},
+      {"restart", "1", "1 fan_controller.service restart running", "0", "1", "link --undo\n", true},
+      {"crash", "1", "", "0", "1", "guard --service-ended\n"},
+      {"failed start", "1", "1 fan_controller.service start running", "0", "1",
+       "guard --service-ended\n"},
+      {"no guard", "1", "", "3", "1", "link --undo\n"},
+      {"guard without a fan", "1", "", "0", "0", "guard --service-ended\nlink --undo\n"},
+      {"guard that cannot", "1", "", "0", "2", "guard --service-ended\nlink --undo\n"},
+      {"another copy", "0", "", "0", "1", ""},
+  };
+  const GuardBoard board;
+  put("\\\n", "");
+  put("$$", "$");
+  put("/run/", board.at("/run/"));
+  put("/usr/sbin/", "");
+  for (const auto& each : cases) {
+    CAPTURE(each.name);
+    const auto fake = [&](const std::string& name, const std::string& body) {
+      board.write("/bin/" + name, "#!/bin/sh\n" + body + "\n");
+      board.allow("/bin/" + name, 0755);
+    };
+    fake("pidof", "exit " + each.pidof);
+    fake("systemctl", "case $* in *list-jobs*) echo '" + each.jobs + "' ;; *) exit " +
+                          each.isActive + " ;; esac");
+    fake("fanctl",
+         "echo \"$*\" >>" + board.at("/done") + "\n[ \"$1\" = link ] || exit " + each.guard);
+    board.remove("/done");
+    board.remove("/run/fan_controller/stopped");
+    board.write("/script", "PATH=" + board.at("/bin") + ":$PATH\n" + script + "\n");
+    CHECK(std::system(("sh " + board.at("/script")).c_str()) == 0);
+    CHECK(board.read("/done") == each.does);
+    CHECK(board.exists("/run/fan_controller/stopped") == each.marks);
+  }
 }
 
 TEST_CASE("a week of silences that are in order") {

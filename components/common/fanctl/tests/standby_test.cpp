@@ -1,0 +1,330 @@
+// The shipped fanctl and the shipped service on one simulated board, with one clock for both.
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <optional>
+
+#include "board.h"
+#include "commands.h"
+#include "service-signal.h"
+
+namespace {
+
+const std::string kMemory = "/run/fan_controller/standby";
+const std::string kDriver = "fan_driver_sysfs_dir=" + FAN + "\n";
+const std::string kFanless = "#\n";  // the service counts its period down second by second
+
+// Two disks that tell 31 and 47 degrees, and the service on its way.
+struct Box : Board {
+  explicit Box(const std::string& settings = kDriver) {
+    (void)Fanctl(*this, {"--help"});  // the simulation is looked for only once
+    fan(FAN, false);
+    write("/proc/partitions", "   8 0 9 sda\n   8 16 9 sdb\n");
+    disks("active", "active");
+    config(settings, TABLE);
+    write("/clock", "0");
+    start();
+  }
+  void start() {
+    trace.emplace(::open(at("/trace").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    remove("/clock_reached");
+    service.emplace(*this, Lines{"--verbose", "-c", CONFIG}, trace->number);
+    REQUIRE(hasReached());
+  }
+  bool hasReached() const {
+    return eventually([&] { return read("/clock_reached") == std::to_string(now) + "\n"; });
+  }
+  // The service has done what it had to up to then, and waits.
+  void pass(int seconds) {
+    now += seconds;
+    remove("/clock_reached");
+    write("/clock.new", std::to_string(now));
+    fs::rename(at("/clock.new"), at("/clock"));
+    REQUIRE(hasReached());
+  }
+  void disks(const std::string& sda, const std::string& sdb) const {
+    disk("sda", "temperature=31\npower=" + sda + "\n");
+    disk("sdb", "temperature=47\npower=" + sdb + "\n");
+  }
+  std::string run(const Lines& more = {}, int status = 0) const {
+    const Fanctl fanctl(*this, Lines{"standby"} + more);
+    CAPTURE(fanctl.errors);
+    CHECK(fanctl.status == status);
+    return fanctl.output + fanctl.errors;
+  }
+  // Puts the service to rest.
+  void rest() const {
+    disks("standby", "standby");
+    (void)run();
+    (void)run();
+    REQUIRE(mode() == "spindown");
+  }
+  std::string mode() const {
+    const std::string memory = read(kMemory), key = "\nmode=";
+    const std::size_t found = memory.find(key);
+    if (found == std::string::npos) return "";
+    return memory.substr(found + key.size(), memory.find('\n', found + 1) - found - key.size());
+  }
+  // How often the service was told to.
+  long switched(const std::string& to) const {
+    const std::string text = read("/trace"), line = "Switch to " + to + " mode";
+    long count = 0;
+    for (std::size_t at = text.find(line); at != std::string::npos; at = text.find(line, at + 1)) {
+      ++count;
+    }
+    return count;
+  }
+  // Whether it measures from now on, over three cycles. The disks are asked by nobody else.
+  bool measures() {
+    (void)journal({});
+    for (int cycle = 0; cycle < 3; ++cycle) pass(180);
+    const auto calls = journal({"sg_io"}).size();
+    CHECK((calls == 0 || calls >= 3 * 4));  // temperature and identity of two disks
+    return calls != 0;
+  }
+  // Only the question that wakes no disk was put, and not in vain.
+  void asksOnly() const {
+    const Lines calls = journal({"sg_io", "woken"});
+    CHECK_FALSE(calls.empty());
+    for (const std::string& call : calls) {
+      CHECK(call.substr(9) == " 85062000000000000000000000" + std::string("00e500 ") +
+                                  "dir=-1 len=0 sense=32 timeout=20000 ok");
+    }
+  }
+
+  int now = 0;
+  std::optional<Handle> trace;
+  std::optional<Service> service;
+};
+
+}  // namespace
+
+TEST_CASE("two runs that find all disks asleep, and one that does not") {
+  for (const std::string& settings : {kDriver, kFanless}) {
+    CAPTURE(settings);
+    Box box(settings);
+    CHECK(box.run() == "");
+    box.disks("standby", "active");
+    for (int run = 0; run < 3; ++run) CHECK(box.run() == "");
+    CHECK(box.mode() == "normal");
+    (void)box.journal({});
+    box.disks("standby", "standby");
+    CHECK(box.run() == "");
+    CHECK(box.switched("spindown") == 0);
+    CHECK(contains(box.run(), "all disks sleep: the service rests, SIGUSR1 goes to process "));
+    CHECK(box.switched("spindown") == 1);
+    CHECK(box.run() == "");
+    box.asksOnly();
+    CHECK_FALSE(box.measures());
+    // At once, not when the period is over.
+    box.disks("standby", "active");
+    CHECK(contains(box.run(), "/dev/sdb is awake: the service measures again, SIGUSR2 goes to "));
+    CHECK(box.switched("normal") == 1);
+    CHECK(contains(box.read("/trace"), "TMAX = 47\n"));
+    CHECK(box.run() == "");
+    CHECK(box.measures());
+    CHECK(box.switched("spindown") == 1);
+    CHECK(box.switched("normal") == 1);
+  }
+}
+
+TEST_CASE("a day: no sleeping disk is woken, and the first measurement comes within an interval") {
+  constexpr int kInterval = 30, kDay = 24 * 3600, kTimer = 60;
+  // From when to when somebody uses the disks, seconds of the day.
+  const int uses[][2] = {
+      {0, 7}, {1000, 1003}, {25'017, 27'777}, {28'000, 28'001}, {61'003, 80'011}};
+  Box box;
+  (void)box.journal({});
+  const Options options;
+  int lastCommand = 0, rests = 0;
+  for (bool sleeps = false; box.now < kDay;) {
+    // The disks' own timer: any command but the question for the power mode starts it anew.
+    bool used = false;
+    for (const auto& [from, to] : uses) used |= box.now + kInterval > from && box.now <= to;
+    const bool wasAsleep = sleeps;
+    if (used) lastCommand = box.now;
+    sleeps = !used && box.now - lastCommand >= kTimer;
+    if (sleeps != wasAsleep) {
+      const std::string power = sleeps ? "standby" : "active";
+      box.disks(power, power);
+    }
+    REQUIRE(run_standby(options, {}) == EXIT_FINE);
+    if (wasAsleep && !sleeps) CHECK(box.mode() == "normal");
+    rests += box.mode() == "spindown" ? 1 : 0;
+    const auto isMeasuring = [](const std::string& call) { return !contains(call, "00e500 "); };
+    const auto measured = [&] {
+      const Lines calls = box.journal({"sg_io", "woken"});
+      CHECK_FALSE(contains(calls, "woken sda"));
+      return std::ranges::any_of(calls, isMeasuring);
+    };
+    // In the same run, not when a period is over.
+    const bool hasMeasured = measured();
+    if (wasAsleep && !sleeps) CHECK(hasMeasured);
+    box.pass(kInterval);
+    if (measured() || hasMeasured) lastCommand = box.now - kInterval;
+  }
+  CHECK(box.switched("spindown") == box.switched("normal") + 1);
+  CHECK(box.switched("normal") == std::ssize(uses) - 1);
+  CHECK(rests > 2000);  // of 2880
+}
+
+TEST_CASE("what counts as awake") {
+  const struct {
+    std::string says;
+    std::function<void(const Box&)> change;
+  } cases[] = {
+      {"/dev/sdb cannot be opened", [](const Box& box) { box.remove("/dev/sdb"); }},
+      {"/dev/sda does not tell whether it sleeps",
+       [](const Box& box) { box.disk("sda", "fails=ioctl\n"); }},
+      {"/dev/sdb does not tell whether it sleeps",
+       [](const Box& box) { box.disk("sdb", "power=standby\nfails=reject\n"); }},
+      {"there is no disk", [](const Box& box) { box.write("/proc/partitions", ""); }},
+      {"the list of disks cannot be read", [](const Box& box) { box.remove("/proc/partitions"); }},
+      {"the service measures its sensor and touches no disk",
+       [](const Box& box) {
+         box.write(SENSOR, "41000\n");
+         box.config(kDriver + "temp_sensor_sysfs_entry=" + SENSOR + "\n", TABLE);
+       }},
+  };
+  for (const auto& each : cases) {
+    CAPTURE(each.says);
+    const Box box;
+    box.rest();
+    each.change(box);
+    CHECK(contains(box.run(), each.says + ": the service measures again"));
+    CHECK(box.switched("normal") == 1);
+    const bool isSensor = contains(each.says, "sensor");
+    CHECK(contains(box.run(), "touches no disk: there is nothing to do") == isSensor);
+    CHECK(box.run() == "");
+    if (!isSensor) continue;
+    (void)box.journal({});
+    (void)box.run();
+    CHECK(box.journal({"sg_io"}).empty());
+  }
+  const Box box;
+  box.rest();
+  box.remove(CONFIG + "/fan_controller.conf");
+  CHECK(contains(box.run({}, 2), "fan_controller.conf cannot be read"));
+  CHECK(box.switched("normal") == 1);
+}
+
+TEST_CASE("killed at any point") {
+  // What stood in the memory, what had been sent, and, with counted waits, not served.
+  const struct {
+    std::string mode;
+    std::vector<int> sent;
+  } cases[] = {{"entering", {}},
+               {"entering", {SIGUSR1}},
+               {"leaving", {}},
+               {"leaving", {SIGUSR2}},
+               {"leaving", {SIGUSR1, SIGUSR2}}};
+  for (const std::string& settings : {kDriver, kFanless}) {
+    for (const auto& each : cases) {
+      for (const bool asleep : {true, false}) {
+        // With counted waits, which take long: where a signal is noted and disks are awake.
+        if (settings == kFanless && (asleep || each.sent.empty())) continue;
+        CAPTURE(settings);
+        CAPTURE(each.mode);
+        CAPTURE(each.sent.size());
+        CAPTURE(asleep);
+        Box box(settings);
+        box.rest();
+        std::string memory = box.read(kMemory);
+        if (each.mode == "entering") {
+          box.disks("standby", "active");
+          (void)box.run();
+        }
+        box.write(kMemory, memory.replace(memory.find("spindown"), 8, each.mode));
+        for (const int signal : each.sent) ::kill(box.service->daemon, signal);
+        box.disks("standby", asleep ? "standby" : "active");
+        (void)box.run();
+        CHECK(box.mode() == (asleep ? "spindown" : "normal"));
+        CHECK(box.measures() == !asleep);
+      }
+    }
+  }
+}
+
+TEST_CASE("a service that is busy is sent no SIGUSR1 and gets SIGUSR2 as soon as it can serve it") {
+  Box box;
+  REQUIRE(::mkfifo(box.at("/syslog").c_str(), 0600) == 0);
+  box.disk("sdb", "temperature=33\npower=active\n");  // another command, which is logged
+  box.write("/clock", "180");
+  REQUIRE(eventually([&] { return contains(box.read("/trace"), "TMAX = 33\n"); }));
+  box.disks("standby", "standby");
+  for (int run = 0; run < 3; ++run) (void)box.run();
+  CHECK(box.mode() == "normal");
+  const Handle log(::open(box.at("/syslog").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  box.now = 180;
+  box.pass(1);
+  (void)box.run();
+  CHECK(box.switched("spindown") == 1);
+  CHECK_FALSE(box.measures());
+}
+
+TEST_CASE("another process is never hit, and a service that was started anew is noticed") {
+  Box box;
+  const ServiceProcess first = look_at_service();
+  REQUIRE(first.process == box.service->daemon);
+  box.rest();
+  CHECK(box.service->wait_end(SIGKILL) == SIGKILL);
+  CHECK_FALSE(send_signal(first, SIGUSR1));
+  box.disks("active", "active");
+  CHECK(box.run() == "");
+  // Its number was given to a process to which the signal would be the end.
+  const pid_t other = ::_Fork();
+  if (other == 0) {
+    ::pause();
+    ::_exit(0);
+  }
+  box.write(PID_FILE, std::to_string(other) + "\n");
+  std::string memory = box.read(kMemory);
+  box.write(kMemory, "process=" + std::to_string(other) + memory.substr(memory.find("\nstarted")));
+  CHECK(box.run() == "");
+  CHECK(box.run({"--end"}) == "");
+  CHECK_FALSE(send_signal({.process = other, .started = first.started}, SIGUSR1));
+  CHECK(::waitpid(other, nullptr, WNOHANG) == 0);
+  (void)::kill(other, SIGKILL);
+  CHECK(::waitpid(other, nullptr, 0) == other);
+
+  box.write(kMemory, memory);
+  box.start();
+  CHECK(box.run() == "");
+  CHECK(box.switched("normal") == 0);
+  box.rest();
+  CHECK(box.switched("spindown") == 1);
+}
+
+TEST_CASE("the end, a dry run, and a memory that cannot be kept") {
+  Box box;
+  box.disks("standby", "standby");
+  (void)box.run();
+  const std::string before = box.read(kMemory);
+  CHECK(contains(box.run({"--dry-run"}), "the service rests, SIGUSR1 would go to process "));
+  CHECK(box.read(kMemory) == before);
+  CHECK(box.switched("spindown") == 0);
+
+  box.rest();
+  CHECK(contains(box.run({"--dry-run", "--end"}), "SIGUSR2 would go"));
+  CHECK(box.switched("normal") == 0);
+  CHECK(contains(box.run({"--end"}), "this is the end of standby: the service measures again"));
+  CHECK(box.switched("normal") == 1);
+  CHECK_FALSE(box.exists(kMemory));
+  CHECK(box.run({"--end"}) == "");
+  CHECK(box.switched("normal") == 1);
+
+  // A folder that everybody can write to is not written to.
+  box.rest();
+  box.allow("/run/fan_controller", 0777);
+  box.disks("active", "active");
+  CHECK(contains(box.run({}, 2), "SIGUSR2 goes"));
+  CHECK(box.switched("normal") == 2);
+  box.allow("/run/fan_controller", 0755);
+  (void)box.run({"--end"});
+  box.allow("/run/fan_controller", 0777);
+  box.disks("standby", "standby");
+  for (int run = 0; run < 3; ++run) CHECK(contains(box.run({}, 2), kMemory));
+  CHECK(box.switched("spindown") == 2);
+}
