@@ -268,7 +268,7 @@ APPLIANCE_INTERPOSED char* mkdtemp(char* path) noexcept {
   return path;
 }
 
-APPLIANCE_INTERPOSED int mkostemp(char* path, int flags) noexcept {
+APPLIANCE_INTERPOSED int mkostemp(char* path, int flags) {
   static auto* const real = next<int(char*, int)>("mkostemp");
   Route route(path, Use::kChange);
   if (route.tooLong) return -1;
@@ -278,6 +278,9 @@ APPLIANCE_INTERPOSED int mkostemp(char* path, int flags) noexcept {
   std::memcpy(path, route.buffer + std::strlen(route.buffer) - length, length);
   return file;
 }
+
+// What it is called with wide file offsets.
+APPLIANCE_INTERPOSED int mkostemp64(char* path, int flags) { return mkostemp(path, flags); }
 
 // A program of the appliance. The other functions of the family do not come by here.
 APPLIANCE_INTERPOSED int execve(const char* path, char* const words[],
