@@ -41,3 +41,10 @@ struct CurveOptions {
 
 /// Draws the command over the temperature.
 ExitStatus run_curve(const Options& options, const CurveOptions& curve);
+
+struct NotifyOptions {
+  std::string test;  ///< an event to try the hooks with; empty: what has changed is told
+};
+
+/// Tells what has changed since it was told last, by running the hooks.
+ExitStatus run_notify(const Options& options, const NotifyOptions& notify);

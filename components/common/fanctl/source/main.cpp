@@ -13,7 +13,8 @@ namespace {
 int explain(const CLI::App& app, const CLI::ParseError& error, const char* first) {
   if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr && first != nullptr &&
       app.get_subcommands().empty()) {
-    (void)std::fprintf(stderr, "fanctl: there is no %s: check, hardware, link or curve\n", first);
+    (void)std::fprintf(stderr, "fanctl: there is no %s: check, hardware, link, curve or notify\n",
+                       first);
     return EXIT_WRONG_USE;
   }
   return app.exit(error) == 0 ? EXIT_FINE : EXIT_WRONG_USE;
@@ -65,6 +66,11 @@ int run(int argc, char* argv[]) {
   share_options(*drawer, options, true);
   drawer->add_option("--svg", curve.svgFile, "draw into this file instead")->type_name("FILE");
 
+  NotifyOptions notify;
+  auto* notifier = app.add_subcommand("notify", "tell what has changed, by the hooks of hooks.d");
+  share_options(*notifier, options, false);
+  notifier->add_option("--test", notify.test, "try all hooks with this event")->type_name("EVENT");
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -93,6 +99,7 @@ int run(int argc, char* argv[]) {
   if (check->parsed()) return run_check(options);
   if (hardware->parsed()) return run_hardware(options);
   if (linker->parsed()) return run_link(options, link);
+  if (notifier->parsed()) return run_notify(options, notify);
   return run_curve(options, curve);
 }
 
