@@ -19,10 +19,10 @@ const std::string kState = "/var/lib/fan_controller";
 const std::string kTold = kState + "/told";
 const std::string kFan = FAN_FAILED_FLAG, kHigh = HIGH_TEMP_FLAG, kCritical = CRIT_TEMP_FLAG;
 
-// With hooks a and b. Thirty seconds of patience with one take one and a half.
+// With hooks a and b. Thirty seconds of patience with one take three.
 struct NotifyBoard : Board {
   NotifyBoard() {
-    ::setenv("APPLIANCE_SPEED", "20", 1);
+    ::setenv("APPLIANCE_SPEED", "10", 1);
     (void)::prctl(PR_GET_NAME, m_name);
     service(true);
     hook("a");
