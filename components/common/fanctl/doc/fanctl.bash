@@ -4,7 +4,7 @@ _fanctl() {
   local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
   local command='' each options
   for each in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
-    case $each in check | hardware | link | curve | guard | status | standby) command=$each && break ;; esac
+    case $each in check | hardware | link | curve | guard | notify | standby | status) command=$each && break ;; esac
   done
 
   COMPREPLY=()
@@ -21,9 +21,17 @@ _fanctl() {
       ;;
   esac
 
+  if [[ $command == notify && $before == --test ]]; then
+    options='fan_failed fan_working temperature_high temperature_critical temperature_normal'
+    options+=' service_stopped service_started guard_acted'
+    mapfile -t COMPREPLY < <(compgen -W "$options" -- "$word")
+    return
+  fi
+
   case $command in
-    '') options='check hardware link curve guard status standby --help --version' ;;
+    '') options='check hardware link curve guard notify standby status --help --version' ;;
     link) options='--config-dir --to --sensor --at-boot --undo --help' ;;
+    notify) options='--config-dir --test --help' ;;
     curve) options='--config-dir --json --svg --help' ;;
     guard) options='--config-dir --dry-run --no-disks --service-ended --help' ;;
     status) options='--config-dir --json --prometheus --output --watch --help' ;;

@@ -11,11 +11,17 @@ install(FILES ${packaging}/fanctl.conf
         DESTINATION usr/lib/systemd/system/fan_controller.service.d)
 install(FILES ${packaging}/fanctl-guard.service
               ${packaging}/fanctl-guard.timer
+              ${packaging}/fanctl-notify.path
+              ${packaging}/fanctl-notify.service
+              ${packaging}/fanctl-notify.timer
               ${packaging}/fanctl-standby.service
               ${packaging}/fanctl-standby.timer
               ${packaging}/fanctl-standby-end.service
         DESTINATION usr/lib/systemd/system)
 install(DIRECTORY DESTINATION var/lib/fan_controller)
+# Examples: executable, so that a plain copy of one into the empty folder switches it on.
+install(PROGRAMS hooks/beeper hooks/mail hooks/webhook DESTINATION ${documents}/hooks)
+install(DIRECTORY DESTINATION etc/fan_controller/hooks.d)
 install(FILES doc/fanctl.8 DESTINATION usr/share/man/man8)
 install(FILES doc/fanctl.bash DESTINATION usr/share/bash-completion/completions RENAME fanctl)
 install(FILES ${packaging}/copyright DESTINATION ${documents})
@@ -29,6 +35,9 @@ set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
 a fan in the form that the service fan-controller knows, says what the service
 will do with its configuration and what is wrong with it, and draws the fan
 command over the temperature.
+
+It tells somebody, by mail or by programs of the administrator's, when the fan
+has failed, when it gets too hot and when the service has stopped.
 
 With this package the fan driver that fanctl has noted is presented anew before
 each start of the service, and given back when the service has ended.")

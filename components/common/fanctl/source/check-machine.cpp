@@ -53,11 +53,6 @@ void check_stable(const char* key, const std::string& path, const char* instead,
       {key, ": the number in ", path, " may be another one after the next boot: ", instead});
 }
 
-bool others_can_write(const struct stat& status) {
-  return (status.st_mode & OTHERS_WRITE) != 0 ||
-         (status.st_uid != 0 && status.st_uid != ::geteuid());
-}
-
 void check_owner(const std::string& path, MachineFindings& machine) {
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0 || !others_can_write(status)) return;

@@ -60,6 +60,7 @@ struct StatusOptions {
 
 /// Says what holds now: service, temperature, fan, alerts, disks.
 ExitStatus run_status(const Options& options, const StatusOptions& wanted);
+
 struct StandbyOptions {
   bool end = false;  ///< bring the service back to normal operation, and forget
   bool dryRun = false;
@@ -67,3 +68,10 @@ struct StandbyOptions {
 
 /// Puts the service into its spindown mode when all disks sleep, and back.
 ExitStatus run_standby(const Options& options, const StandbyOptions& standby);
+
+struct NotifyOptions {
+  std::string test;  ///< an event to try the hooks with; empty: what has changed is told
+};
+
+/// Tells what has changed since it was told last, by running the hooks.
+ExitStatus run_notify(const Options& options, const NotifyOptions& notify);

@@ -19,6 +19,11 @@ constexpr mode_t kFolderMode = 0755;
 
 }  // namespace
 
+bool others_can_write(const struct stat& status) {
+  return (status.st_mode & OTHERS_WRITE) != 0 ||
+         (status.st_uid != 0 && status.st_uid != ::geteuid());
+}
+
 bool exists(const std::string& path) {
   struct stat status {};
   return ::lstat(path.c_str(), &status) == 0;
@@ -91,7 +96,6 @@ int make_own_folder(const std::string& folder) {
   (void)::mkdir(folder.c_str(), kFolderMode);
   struct stat status {};
   if (::stat(folder.c_str(), &status) != 0) return errno;
-  const bool isOwn = status.st_uid == 0 || status.st_uid == ::geteuid();
-  errno = isOwn && (status.st_mode & OTHERS_WRITE) == 0 ? 0 : EPERM;
+  errno = others_can_write(status) ? EPERM : 0;
   return errno;
 }

@@ -8,6 +8,9 @@
 
 inline constexpr mode_t OTHERS_WRITE = S_IWGRP | S_IWOTH;
 
+/// Whether others than root, and than whoever runs this, can write to a file or folder.
+bool others_can_write(const struct stat& status);
+
 /// Whether there is anything of this name; a link counts by itself, wherever it leads.
 bool exists(const std::string& path);
 
