@@ -68,15 +68,16 @@ enum class Activity { kWaits, kMeasures, kOther };
 Activity settle(const Waiting& waiting) {
   const pid_t process = waiting.service.process;
   const auto end = Clock::now() + kPatience;
+  std::string state;
   for (; Clock::now() < end; (void)::usleep(kLookAgain)) {
-    const std::string state = status_of(process, "State:\t");
-    if (state.starts_with('D')) return Activity::kMeasures;  // it waits for a disk
+    state = status_of(process, "State:\t");
     if (!state.starts_with('S') || is_pending(process)) continue;
     if (waiting.pause == Pause::kCounted || has_open(process, waiting.alarmPath)) {
       return Activity::kWaits;
     }
   }
-  return Activity::kOther;
+  // Nothing but a disk that has to start turning lets it wait for a device for so long.
+  return state.starts_with('D') ? Activity::kMeasures : Activity::kOther;
 }
 
 }  // namespace
