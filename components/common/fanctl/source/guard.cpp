@@ -22,6 +22,7 @@
 #include "measurement.h"
 #include "service-process.h"
 #include "state.h"
+#include "terminal.h"
 
 namespace {
 
@@ -302,7 +303,10 @@ ExitStatus act(Look& look) {
 
 void note_end() {
   GuardRecord record = read_guard_record();
-  if (!record.stands) return;
+  if (!record.stands) {
+    if (on_terminal()) (void)std::printf("Nothing is wrong.\n");
+    return;
+  }
   record.stands = false;
   keep(record);
   (void)std::printf("Nothing is wrong any more.\n");
@@ -347,7 +351,9 @@ ExitStatus run_guard(const Options& options, const GuardOptions& guard) {
     const Descriptor lock = wait_for_lock();
     if (!look.reasons.empty()) {
       status = act(look);
-    } else if (lock && !look.isHot) {
+    } else if (look.isHot) {
+      (void)std::printf("It is too hot, and the fan has the highest command.\n");
+    } else {
       note_end();
     }
   }
