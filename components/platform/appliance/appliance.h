@@ -13,7 +13,16 @@
 //                    removed outside the root (/dev/null apart): there should be none
 //   <root>/timeline  what shall happen while the program waits, in ascending order of seconds:
 //                    `<seconds> write <path> <text>`, `<seconds> remove <path>`,
-//                    `<seconds> mode <path> <octal>`, `<seconds> signal <NAME>`
+//                    `<seconds> mode <path> <octal>`, `<seconds> signal <NAME>`; in an enclosure
+//                    `<seconds> load <sdX or all> <idle, seek or standby>`, `<seconds> outside
+//                    <degrees>`, `<seconds> fan <blocked or free>`, `<seconds> dust <factor>`,
+//                    `<seconds> celsius <degrees>,<degrees>...`: measured temperatures of the
+//                    disks, the first one the sensor's too, instead of what the heat would make of
+//                    them
+//   <root>/enclosure what heats up and what cools (see enclosure.h and the lab's examples): the
+//   files
+//                    that it names follow its state as time passes, in the program that waits;
+//                    enclosure.csv gets a line a minute
 //   <root>/select    a number: what the next select() returns at once, with no descriptor marked;
 //                    the file is gone then
 //   <root>/fork      a signal's name: what the child of the next fork() gets at once; the file is

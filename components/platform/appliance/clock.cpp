@@ -64,7 +64,7 @@ Select* realSelect() {
 }
 
 // Lets time pass up to a moment; false when a signal came first.
-bool passUntil(Microseconds moment) {
+bool letPass(Microseconds moment) {
   using RealClock = std::chrono::steady_clock;
   const double rate = speed();
   if (!(rate > 0)) {
@@ -91,6 +91,12 @@ bool passUntil(Microseconds moment) {
     if (interrupted) return false;
   }
   return true;
+}
+
+bool passUntil(Microseconds moment) {
+  const bool whole = letPass(moment);
+  liveUntil(static_cast<double>(clock.elapsed) / static_cast<double>(kSecond));
+  return whole;
 }
 
 // Timeline
@@ -191,6 +197,7 @@ bool happen(const Event& event) {
     raise(number);
     return ends;
   }
+  if (changeEnclosure(event.action, event.object, event.text)) return false;
   if (!changeFile(event)) record("timeline", "failed: %s", event.line.c_str());
   return false;
 }
