@@ -25,7 +25,7 @@ namespace {
 using Microseconds = long long;
 constexpr Microseconds kSecond = 1'000'000;
 constexpr Microseconds kEndOfTime = std::numeric_limits<Microseconds>::max();
-constexpr Microseconds kLongestNap = 3600 * kSecond;  // of real waiting, keeps a timeval small
+constexpr Microseconds kLongestNap = 3600 * kSecond;       // of real waiting, keeps a timeval small
 constexpr std::size_t kLineUsual = std::size_t{4} * 1024;  // of the timeline
 constexpr std::size_t kLineMax = std::size_t{256} * 1024;
 constexpr std::size_t kScriptMax = 32;

@@ -69,14 +69,15 @@ std::vector<double> toNumbers(std::string_view text) {
   return numbers;
 }
 
+// Sensor and disks so exactly that who rounds them down gets what was measured.
 void recordState(const Enclosure& box, double command) {
   char text[kValueMax * 4];
-  int length = std::snprintf(text, sizeof text, "%.0f,%.3f,%.3f,%.3f,%.0f,%.1f,%.5f,%.4f",
+  int length = std::snprintf(text, sizeof text, "%.0f,%.3f,%.3f,%.9f,%.0f,%.1f,%.5f,%.4f",
                              box.seconds(), box.outside(), box.air(), box.sensor(), command,
                              box.speed(), box.flow(), box.fanPower());
   std::string line(text, static_cast<std::size_t>(std::max(length, 0)));
   for (const double disk : box.disks()) {
-    length = std::snprintf(text, sizeof text, ",%.3f", disk);
+    length = std::snprintf(text, sizeof text, ",%.9f", disk);
     line.append(text, static_cast<std::size_t>(std::max(length, 0)));
   }
   writeFile(pathOf("/enclosure.csv"), O_APPEND, line + '\n');
