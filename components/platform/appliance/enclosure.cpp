@@ -93,21 +93,22 @@ class Reader {
   // What is wrong with a line; empty when nothing is.
   std::string take(const std::string& key, const std::string& value) {
     if (key == "disk") return takeDisk(value);
-    // Those of the disks hold for the disks below them, until there is another one.
-    if (has(key) && !key.starts_with("disk_")) return key + " is there twice";
+    const bool isAgain = has(key);
     m_seen.push_back(key);
     for (const FileRow& row : kFileRows) {
       if (row.key != key) continue;
       m_parameters.*row.path = value;
       const bool isWhole = value.starts_with("/") && value.find("..") == std::string::npos;
-      return isWhole ? "" : key + ": " + value + " is no whole path";
+      return isWhole || value.empty() ? "" : key + ": '" + value + "' is no whole path";
     }
     if (key == "outside") {
       if (toSchedule(value, m_parameters.outside)) return "";
       return "outside: write SECONDS:CELSIUS, the first at 0, ascending, up to 86400";
     }
     for (const Row& row : kRows) {
-      if (row.key == key) return takeNumber(row, value, m_parameters.*row.value, row.most);
+      if (row.key != key) continue;
+      if (isAgain) return key + " is there twice";
+      return takeNumber(row, value, m_parameters.*row.value, row.most);
     }
     for (const DiskRow& row : kDiskRows) {
       if (row.key == key) return takeNumber(row, value, m_parameters.disk.*row.value, kMost);

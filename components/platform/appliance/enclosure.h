@@ -54,8 +54,9 @@ bool toNumber(const std::string& text, double& value);
 // Whether a temperature outside, in degrees Celsius, is possible.
 bool isOutside(double celsius);
 
-// Reads the text of an enclosure's file. The problem, "LINE: what is wrong" or, for what is
-// missing, what it is; empty when there is none.
+// Reads the text of an enclosure's file. A value of the disks holds for the disks below it; of the
+// outside's and the files' the last line counts, so that a program can add its own. The problem,
+// "LINE: what is wrong" or, for what is missing, what it is; empty when there is none.
 std::string readEnclosure(const std::string& text, EnclosureParameters& parameters);
 
 enum class Load { kIdle, kSeek, kStandby };
