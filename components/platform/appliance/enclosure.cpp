@@ -184,6 +184,7 @@ bool toNumber(const std::string& text, double& value) {
 }
 
 std::string readEnclosure(const std::string& text, EnclosureParameters& parameters) {
+  parameters = {};
   Reader reader(parameters);
   std::string_view rest = text;
   for (int number = 1; !rest.empty(); ++number) {
