@@ -99,7 +99,7 @@ class Reader {
       if (row.key != key) continue;
       m_parameters.*row.path = value;
       const bool isWhole = value.starts_with("/") && value.find("..") == std::string::npos;
-      return isWhole || value.empty() ? "" : key + ": '" + value + "' is no whole path";
+      return isWhole || value.empty() ? "" : key + " is no whole path";
     }
     if (key == "outside") {
       if (toSchedule(value, m_parameters.outside)) return "";
