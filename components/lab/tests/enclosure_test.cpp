@@ -279,6 +279,11 @@ TEST_CASE("events of the timeline, and the files that follow") {
     CHECK(box.last(event.column) >= event.least);
     CHECK(box.last(event.column) <= event.most);
   }
+  {
+    const Box box("0 write /sys/fan/pwm1 255\n");
+    ::sleep(2);
+    CHECK(box.number(FAN + "/fan1_input") == 1264);  // 2000 * (1 - 1 / e)
+  }
   std::string timeline;
   Lines failed;
   for (const std::string event : {"load sde seek", "load sda fast", "outside", "outside nan",
