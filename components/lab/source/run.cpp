@@ -68,8 +68,11 @@ void lay_out(const Appliance& appliance, const Configuration& configuration, boo
   appliance.fan(files.folder, !isDuty);
   if (isDuty) appliance.write(files.folder + "/pwm1_enable", "1\n");
   appliance.write(files.alarm, "0\n");
-  std::string more = "command_file=" + files.command + "\nspeed_file=" + files.speed +
-                     "\nalarm_file=" + files.alarm + "\nsensor_file=" + configuration.sensor + "\n";
+  // A driver that takes a speed shows the duty cycle that it needs for it.
+  const std::string duty = isDuty ? "" : "\npwm_file=" + files.folder + "/pwm1";
+  const std::string more = "command_file=" + files.command + duty + "\nspeed_file=" + files.speed +
+                           "\nalarm_file=" + files.alarm + "\nsensor_file=" + configuration.sensor +
+                           "\n";
   if (!configuration.sensor.empty()) {
     const long long value = std::llround(scenario.start.front() * kThousand);
     appliance.write(configuration.sensor, std::to_string(value) + "\n");

@@ -104,6 +104,10 @@ bool has(const std::string& text, const std::string& piece) {
   return text.find(piece) != std::string::npos;
 }
 
+std::string with(std::string text, const std::string& from, const std::string& to) {
+  return text.replace(text.find(from), from.size(), to);
+}
+
 // What the manual page of the table says.
 int command_for(int temperature, int previous, bool hysteresis) {
   if (temperature <= kSteps.begin()->first) return kSteps.begin()->second;
@@ -157,9 +161,7 @@ TEST_CASE(
 
 TEST_CASE("a fan that is driven by its speed, blocked for a while, beside a rival") {
   const Desk desk;
-  std::string box = kBox;
-  box.replace(box.find("fan_command=255"), 15, "fan_command=2400");
-  desk.put("box", box);
+  desk.put("box", with(kBox, "fan_command=255", "fan_command=2400"));
   desk.put("day", kDay + "5400 fan blocked\n6000 fan free\n");
   desk.put("rival/fan_controller.conf", kSettings + "use_hysteresis=yes\n");
   desk.put("rival/fan_cmd_tab.conf", "30=900\n36=1500\n40=2400\n");
@@ -212,9 +214,10 @@ TEST_CASE("bad input is named with its place, and the report stays as it was") {
   };
   const std::string settings = "table/fan_controller.conf", table = "table/fan_cmd_tab.conf";
   const Case cases[] = {
-      {"box", "step=1\nair_capacity=-5\n", "", "box:2: air_capacity: -5 is not possible"},
+      {"box", "step=1\nair_capacity=-5\n", "", "box:2: air_capacity: '-5' is not possible"},
       {"box", "step=1\n", "", "box: air_capacity is missing"},
-      {"box", kBox + "fan_stall_speed=600\n", "", "box: fan_stall_speed is above fan_start_speed"},
+      {"box", with(kBox, "stall_speed=300", "stall_speed=600"), "",
+       "box: fan_stall_speed is above"},
       {"box", kBox + "wheels=4\n", "", "box:24: wheels: there is no such value"},
       {"day", "# a\n600 load sdz seek\n", "--day day", "day:2: write load DISK idle, seek or"},
       {"day", "600 dust 2\n", "--day day", "day:1: write dust FACTOR"},

@@ -19,10 +19,14 @@
 //                    `<seconds> celsius <degrees>,<degrees>...`: measured temperatures of the
 //                    disks, the first one the sensor's too, instead of what the heat would make of
 //                    them
-//   <root>/enclosure what heats up and what cools (see enclosure.h and the lab's examples): the
-//   files
-//                    that it names follow its state as time passes, in the program that waits;
-//                    enclosure.csv gets a line a minute
+//   <root>/enclosure what heats up and what cools (see enclosure.h and the lab's examples): those
+//                    files that it names and that are there follow its state as time passes, in the
+//                    program that waits, at the end of each wait and at each event. It begins cold,
+//                    at 0 seconds, with every program that is started: let one wait at a time.
+//                    What is wrong with it, the journal says.
+//   <root>/enclosure.csv  a line a minute, and one for the start: seconds, degrees Celsius outside,
+//                    of the air and of the sensor, command, revolutions a minute, m3/s, W of the
+//                    fan, degrees Celsius of each disk
 //   <root>/select    a number: what the next select() returns at once, with no descriptor marked;
 //                    the file is gone then
 //   <root>/fork      a signal's name: what the child of the next fork() gets at once; the file is

@@ -325,6 +325,7 @@ long long appliance_elapsed() { return appliance::clock.elapsed / kSecond; }
 void appliance_reset() {
   appliance::clock.elapsed = 0;
   appliance::clock.timeline = 0;
+  forgetEnclosure();
 }
 
 APPLIANCE_INTERPOSED time_t time(time_t* result) noexcept {

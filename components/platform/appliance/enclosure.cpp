@@ -15,29 +15,28 @@ constexpr double kFlowExponent = 0.6;
 constexpr double kDay = 86400;
 constexpr double kMost = 1e9;
 
-// A value of the file, and what it may be.
+// A value of the file, and what it may be: from 0 to most.
 struct Row {
   std::string_view key;
   double EnclosureParameters::*value;
-  double least;
-  bool least_too;  // the least value itself is possible
+  bool zeroToo;
   double most;
 };
 constexpr Row kRows[] = {
-    {"step", &EnclosureParameters::step, 0, false, 60},
-    {"air_capacity", &EnclosureParameters::air, 0, false, kMost},
-    {"board_power", &EnclosureParameters::board, 0, true, kMost},
-    {"wall_conductance", &EnclosureParameters::walls, 0, false, kMost},
-    {"fan_flow", &EnclosureParameters::fullFlow, 0, true, kMost},
-    {"fan_speed", &EnclosureParameters::fullSpeed, 0, false, kMost},
-    {"fan_start_speed", &EnclosureParameters::startSpeed, 0, true, kMost},
-    {"fan_stall_speed", &EnclosureParameters::stallSpeed, 0, true, kMost},
-    {"fan_spin_up", &EnclosureParameters::spinUp, 0, false, kMost},
-    {"fan_power", &EnclosureParameters::fanPower, 0, true, kMost},
-    {"fan_command", &EnclosureParameters::fullCommand, 0, false, kMost},
-    {"sensor_place", &EnclosureParameters::sensorPlace, 0, true, 1},
-    {"sensor_lag", &EnclosureParameters::sensorLag, 0, false, kMost},
-    {"sensor_resolution", &EnclosureParameters::sensorStep, 0, false, kMost},
+    {"step", &EnclosureParameters::step, false, 60},
+    {"air_capacity", &EnclosureParameters::air, false, kMost},
+    {"board_power", &EnclosureParameters::board, true, kMost},
+    {"wall_conductance", &EnclosureParameters::walls, false, kMost},
+    {"fan_flow", &EnclosureParameters::fullFlow, true, kMost},
+    {"fan_speed", &EnclosureParameters::fullSpeed, false, kMost},
+    {"fan_start_speed", &EnclosureParameters::startSpeed, true, kMost},
+    {"fan_stall_speed", &EnclosureParameters::stallSpeed, true, kMost},
+    {"fan_spin_up", &EnclosureParameters::spinUp, false, kMost},
+    {"fan_power", &EnclosureParameters::fanPower, true, kMost},
+    {"fan_command", &EnclosureParameters::fullCommand, false, kMost},
+    {"sensor_place", &EnclosureParameters::sensorPlace, true, 1},
+    {"sensor_lag", &EnclosureParameters::sensorLag, false, kMost},
+    {"sensor_resolution", &EnclosureParameters::sensorStep, false, kMost},
 };
 
 struct DiskRow {
@@ -61,16 +60,10 @@ struct FileRow {
 constexpr FileRow kFileRows[] = {
     {"command_file", &EnclosureParameters::commandFile},
     {"speed_file", &EnclosureParameters::speedFile},
+    {"pwm_file", &EnclosureParameters::pwmFile},
     {"alarm_file", &EnclosureParameters::alarmFile},
     {"sensor_file", &EnclosureParameters::sensorFile},
 };
-
-// The whole text as a number; false for anything else.
-bool toNumber(const std::string& text, double& value) {
-  char* end = nullptr;
-  value = std::strtod(text.c_str(), &end);
-  return !text.empty() && *end == '\0' && std::isfinite(value);
-}
 
 // "0:22 21600:19": seconds of the day in ascending order, and degrees Celsius.
 bool toSchedule(const std::string& text, std::vector<std::pair<double, double>>& schedule) {
@@ -87,7 +80,7 @@ bool toSchedule(const std::string& text, std::vector<std::pair<double, double>>&
       return false;
     }
     const bool ascends = schedule.empty() ? seconds == 0 : seconds > schedule.back().first;
-    if (!ascends || seconds > kDay) return false;
+    if (!ascends || seconds > kDay || !isOutside(celsius)) return false;
     schedule.emplace_back(seconds, celsius);
   }
   return !schedule.empty();
@@ -99,33 +92,26 @@ class Reader {
 
   // What is wrong with a line; empty when nothing is.
   std::string take(const std::string& key, const std::string& value) {
-    for (const FileRow& row : kFileRows) {
-      if (row.key == key) return m_parameters.*row.path = value, "";
-    }
     if (key == "disk") return takeDisk(value);
-    if (key == "outside") {
-      m_seen.push_back(key);
-      return toSchedule(value, m_parameters.outside)
-                 ? ""
-                 : "outside: write SECONDS:CELSIUS, the first at 0, ascending, up to 86400";
+    const bool isAgain = has(key);
+    m_seen.push_back(key);
+    for (const FileRow& row : kFileRows) {
+      if (row.key != key) continue;
+      m_parameters.*row.path = value;
+      const bool isWhole = value.starts_with("/") && value.find("..") == std::string::npos;
+      return isWhole || value.empty() ? "" : key + " is no whole path";
     }
-    double number = 0;
-    const bool isNumber = toNumber(value, number);
-    const auto wrong = [&] { return key + ": " + value + " is not possible"; };
+    if (key == "outside") {
+      if (toSchedule(value, m_parameters.outside)) return "";
+      return "outside: write SECONDS:CELSIUS, the first at 0, ascending, up to 86400";
+    }
     for (const Row& row : kRows) {
       if (row.key != key) continue;
-      m_seen.push_back(key);
-      const bool high = row.least_too ? number >= row.least : number > row.least;
-      if (!isNumber || !high || number > row.most) return wrong();
-      m_parameters.*row.value = number;
-      return "";
+      if (isAgain) return key + " is there twice";
+      return takeNumber(row, value, m_parameters.*row.value, row.most);
     }
     for (const DiskRow& row : kDiskRows) {
-      if (row.key != key) continue;
-      m_seen.push_back(key);
-      if (!isNumber || number < 0 || (number == 0 && !row.zeroToo)) return wrong();
-      m_parameters.disk.*row.value = number;
-      return "";
+      if (row.key == key) return takeNumber(row, value, m_parameters.disk.*row.value, kMost);
     }
     return key + ": there is no such value";
   }
@@ -148,6 +134,14 @@ class Reader {
  private:
   bool has(std::string_view key) const {
     return std::find(m_seen.begin(), m_seen.end(), key) != m_seen.end();
+  }
+
+  template <typename AnyRow>
+  static std::string takeNumber(const AnyRow& row, const std::string& text, double& value,
+                                double most) {
+    const bool isPossible =
+        toNumber(text, value) && (row.zeroToo ? value >= 0 : value > 0) && value <= most;
+    return isPossible ? "" : std::string(row.key) + ": '" + text + "' is not possible";
   }
 
   std::string takeDisk(const std::string& name) {
@@ -177,7 +171,20 @@ double approach(double from, double to, double seconds, double constant) {
 
 }  // namespace
 
+bool isOutside(double celsius) {
+  constexpr double kColdest = -273.15;
+  constexpr double kWarmest = 1000;
+  return celsius >= kColdest && celsius <= kWarmest;
+}
+
+bool toNumber(const std::string& text, double& value) {
+  char* end = nullptr;
+  value = std::strtod(text.c_str(), &end);
+  return !text.empty() && *end == '\0' && std::isfinite(value);
+}
+
 std::string readEnclosure(const std::string& text, EnclosureParameters& parameters) {
+  parameters = {};
   Reader reader(parameters);
   std::string_view rest = text;
   for (int number = 1; !rest.empty(); ++number) {
@@ -212,7 +219,6 @@ double Enclosure::outside() const {
                                  [&](const auto& point) { return point.first > now; });
   const auto& from = *std::prev(next);
   const auto to = next == points.end() ? std::make_pair(kDay, points.front().second) : *next;
-  if (to.first <= from.first) return to.second;
   const double part = (now - from.first) / (to.first - from.first);
   return from.second + part * (to.second - from.second);
 }
@@ -227,28 +233,16 @@ double Enclosure::diskPower(std::size_t disk) const {
   return m_loads[disk] == Load::kSeek ? parameters.seek : parameters.idle;
 }
 
-double Enclosure::power() const {
-  double sum = m_parameters.board;
-  for (std::size_t disk = 0; disk < m_disks.size(); ++disk) sum += diskPower(disk);
-  return sum;
-}
-
 double Enclosure::fanPower() const {
   return m_parameters.fanPower * std::pow(m_speed / m_parameters.fullSpeed, 3);
 }
 
-double Enclosure::stored() const {
-  double sum = m_parameters.air * m_air;
-  for (std::size_t disk = 0; disk < m_disks.size(); ++disk) {
-    sum += m_parameters.disks[disk].capacity * m_disks[disk];
-  }
-  return sum;
-}
-
 void Enclosure::turnFan(double seconds, double command) {
-  double aim = m_parameters.fullSpeed * std::clamp(command / m_parameters.fullCommand, 0.0, 1.0);
-  const bool turns = m_speed > 0;
-  if (m_blocked || aim < (turns ? m_parameters.stallSpeed : m_parameters.startSpeed)) aim = 0;
+  const double share = std::isfinite(command) ? command / m_parameters.fullCommand : 0;
+  double aim = m_parameters.fullSpeed * std::clamp(share, 0.0, 1.0);
+  // A fan that has stalled runs out. Before it stands still it can only be started again.
+  const bool turns = m_speed > 0 && m_speed >= m_parameters.stallSpeed;
+  if (aim < (turns ? m_parameters.stallSpeed : m_parameters.startSpeed)) aim = 0;
   m_speed = m_blocked ? 0 : approach(m_speed, aim, seconds, m_parameters.spinUp);
   constexpr double kStandstill = 1;  // rpm
   if (aim == 0 && m_speed < kStandstill) m_speed = 0;
@@ -273,14 +267,12 @@ void Enclosure::heat(double seconds) {
     weight += conductance(disk) * (1 - part);
     heat += part * (inertia(disk) * m_disks[i] + diskPower(i));
   }
-  m_made += power() * seconds;
   m_air = heat / weight;
   for (std::size_t i = 0; i < m_disks.size(); ++i) {
     const DiskParameters& disk = m_parameters.disks[i];
     m_disks[i] = (inertia(disk) * m_disks[i] + diskPower(i) + conductance(disk) * m_air) /
                  (inertia(disk) + conductance(disk));
   }
-  m_left += exchange * (m_air - around) * seconds;
 
   double mean = 0;
   for (const double each : m_disks) mean += each / static_cast<double>(m_disks.size());

@@ -3,7 +3,8 @@
 // Each disk and the air are lumps of one temperature. Between them, and from the air to the
 // outside, heat flows in proportion to the difference (W/K). The conductance from a disk to the air
 // grows with the air flow to the power of 0.6, which is what measurements give for air across
-// bodies of this size; the fan's flow carries rho * c_p * Q out of the box.
+// bodies of this size; the fan's flow carries rho * c_p * Q out of the box. The fan's own heat is
+// left out: it sits at the outlet, and its air takes that heat along.
 #ifndef APPLIANCE_ENCLOSURE_H
 #define APPLIANCE_ENCLOSURE_H
 
@@ -42,12 +43,20 @@ struct EnclosureParameters {
   DiskParameters disk;                             // of the disks that follow in the file
   std::vector<DiskParameters> disks;
   std::vector<std::string> diskNames;  // sda
-  // The appliance's files; empty: not written.
-  std::string commandFile, speedFile, alarmFile, sensorFile;
+  // The appliance's files, from which the command is read and to which the rest is written. Empty:
+  // neither. The driver's own pwm1 is for a fan whose commands are a speed.
+  std::string commandFile, speedFile, pwmFile, alarmFile, sensorFile;
 };
 
-// Reads the text of an enclosure's file. The problem, "LINE: what is wrong" or, for what is
-// missing, what it is; empty when there is none.
+// The whole text as a finite number; false for anything else.
+bool toNumber(const std::string& text, double& value);
+
+// Whether a temperature outside, in degrees Celsius, is possible.
+bool isOutside(double celsius);
+
+// Reads the text of an enclosure's file. A value of the disks holds for the disks below it; of the
+// outside's and the files' the last line counts, so that a program can add its own. The problem,
+// "LINE: what is wrong" or, for what is missing, what it is; empty when there is none.
 std::string readEnclosure(const std::string& text, EnclosureParameters& parameters);
 
 enum class Load { kIdle, kSeek, kStandby };
@@ -69,12 +78,7 @@ class Enclosure {
   const std::vector<double>& disks() const { return m_disks; }
   double speed() const { return m_speed; }  // rpm
   double flow() const;                      // m3/s
-  double power() const;                     // W, the disks' and the board's
   double fanPower() const;                  // W
-  // J since the start: what was made inside, and what has left. The difference is stored.
-  double made() const { return m_made; }
-  double left() const { return m_left; }
-  double stored() const;  // J above 0 degrees
 
   void setLoad(std::size_t disk, Load load) { m_loads[disk] = load; }
   Load load(std::size_t disk) const { return m_loads[disk]; }
@@ -100,8 +104,6 @@ class Enclosure {
   double m_dust = 1;
   bool m_blocked = false;
   bool m_isReplayed = false;
-  double m_made = 0;
-  double m_left = 0;
 };
 
 }  // namespace appliance

@@ -38,9 +38,11 @@ std::string_view cut(std::string_view& text, char delimiter);
 // Lets the enclosure live up to a second of the simulated clock, if there is one.
 void liveUntil(double seconds);
 
-// Something that happens to it: "load" of a disk, "outside" temperature, "fan", "dust". False for
-// what it does not know.
+// Something that happens to it, as the timeline says it. False for what it does not know.
 bool changeEnclosure(std::string_view action, const std::string& object, const std::string& text);
+
+// Another root may have another enclosure, or none.
+void forgetEnclosure();
 
 // Adds a formatted line to the journal; see appliance_note.
 void record(const char* kind, const char* format, ...) __attribute__((format(printf, 2, 3)));
