@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 
 #include "text.h"
 
@@ -181,8 +182,32 @@ Sample sample_of(const std::string& file, std::size_t number, std::vector<std::s
   return {static_cast<long long>(std::floor(*second)), std::move(cells)};
 }
 
+// Names the columns that have had no temperature for long before this line.
+class Gaps {
+ public:
+  Gaps(const std::string& file, Scenario& scenario) : m_file(name_of(file)), m_scenario(scenario) {}
+
+  void take(const Sample& sample, std::size_t number) {
+    m_last.resize(sample.cells.size(), sample.second);
+    for (std::size_t i = 0; i < sample.cells.size(); ++i) {
+      if (sample.cells[i].empty()) continue;
+      const long long gap = sample.second - std::exchange(m_last[i], sample.second);
+      if (gap <= kGap) continue;
+      m_scenario.warnings.push_back(text_of(
+          "%s:%zu: no temperature in column %zu for %s before this line; the last one is held",
+          m_file.c_str(), number, i + 2, length_of(static_cast<double>(gap)).c_str()));
+    }
+  }
+
+ private:
+  std::string m_file;
+  Scenario& m_scenario;
+  std::vector<long long> m_last;
+};
+
 std::vector<Sample> read_samples(const std::string& file, Scenario& scenario) {
   std::vector<Sample> samples;
+  Gaps gaps(file, scenario);
   std::size_t number = 0;
   bool isFirst = true;
   for (const std::string& line : lines_of(read_file(file))) {
@@ -192,57 +217,60 @@ std::vector<Sample> read_samples(const std::string& file, Scenario& scenario) {
     for (std::string& cell : cells) cell = trimmed(cell);
     if (std::exchange(isFirst, false) && is_header(cells)) continue;
     if (cells.size() < 2) fail(file, number, "this is no line of the form seconds,celsius");
-    Sample sample = sample_of(file, number, std::move(cells));
-    if (!samples.empty()) {
-      const Sample& before = samples.back();
-      if (sample.cells.size() != before.cells.size()) {
-        fail(file, number, "this line has another number of columns than those above it");
-      }
-      if (sample.second < before.second) {
-        fail(file, number, "this line is earlier than the one above it: sort the file");
-      }
-      if (sample.second - before.second > kGap) {
-        scenario.warnings.push_back(file + ":" + std::to_string(number) + ": no temperatures for " +
-                                    length_of(static_cast<double>(sample.second - before.second)) +
-                                    " before this line; the last ones are held");
-      }
+    samples.push_back(sample_of(file, number, std::move(cells)));
+    gaps.take(samples.back(), number);
+    if (samples.size() == 1) continue;
+    const Sample& before = samples[samples.size() - 2];
+    if (samples.back().cells.size() != before.cells.size()) {
+      fail(file, number, "this line has another number of columns than those above it");
     }
-    samples.push_back(std::move(sample));
+    if (samples.back().second < before.second) {
+      fail(file, number, "this line is earlier than the one above it: sort the file");
+    }
   }
   if (samples.empty()) throw LabError(file + ": there is no temperature in it");
   return samples;
 }
 
+// How much of a recording is used.
+long long seconds_of(const std::vector<Sample>& samples, const std::string& file, int hours,
+                     Scenario& scenario) {
+  const long long whole = std::max(samples.back().second - samples.front().second, kMinute);
+  const long long most = (hours > 0 ? hours : kHoursMost) * kHour;
+  if (whole > most && hours == 0) {
+    scenario.warnings.push_back(name_of(file) + ": only its first 168 hours are used");
+  }
+  return std::min(whole, most);
+}
+
 void read_recording(const std::string& file, int hours, Scenario& scenario) {
   const auto samples = read_samples(file, scenario);
   const std::size_t columns = samples.front().cells.size();
-  const std::size_t disks = scenario.parameters.disks.size();
+  const std::size_t disks = scenario.disks.size();
   if (columns > disks) {
-    throw LabError(file + ": it has " + std::to_string(columns) + " columns of temperatures, but " +
-                   scenario.enclosureName + " has " + std::to_string(disks) + " disks");
+    throw LabError(text_of("%s: it has %zu columns of temperatures, but %s has %zu disks",
+                           file.c_str(), columns, scenario.enclosureName.c_str(), disks));
   }
-  scenario.disks = columns;
-  const long long begin = samples.front().second;
-  scenario.seconds = std::max(samples.back().second - begin, kMinute);
-  const long long most = (hours > 0 ? hours : kHoursMost) * kHour;
-  if (scenario.seconds > most && hours == 0) {
-    scenario.warnings.push_back(name_of(file) + ": only its first 168 hours are used");
-  }
-  scenario.seconds = std::min(scenario.seconds, most);
+  // The column of each disk, in the order of the enclosure's file; further disks have the last one.
+  std::vector<std::size_t> place(disks);
+  for (std::size_t i = 0; i < disks; ++i) place[scenario.disks[i]] = std::min(i, columns - 1);
+  scenario.disks.resize(columns);
+  scenario.seconds = seconds_of(samples, file, hours, scenario);
 
   for (std::size_t i = 0; i < disks; ++i) {
-    const auto celsius = number_in(samples.front().cells[std::min(i, columns - 1)]);
+    const auto celsius = number_in(samples.front().cells[place[i]]);
     if (celsius) scenario.start[i] = *celsius;
   }
   std::string last;
   long long lastSecond = -kFinest;
   for (const Sample& sample : samples) {
+    const long long second = sample.second - samples.front().second;
     std::string action = "celsius ";
-    for (const std::string& cell : sample.cells) action += cell + ",";
+    for (const std::size_t column : place) action += sample.cells[column] + ",";
     action.pop_back();
-    if (action == last || sample.second - begin < lastSecond + kFinest) continue;
-    lastSecond = sample.second - begin;
-    scenario.events.emplace_back(lastSecond, last = std::move(action));
+    if (action == last || second < lastSecond + kFinest) continue;
+    lastSecond = second;
+    scenario.events.emplace_back(second, last = std::move(action));
   }
 }
 
@@ -254,12 +282,15 @@ Scenario read_scenario(const std::string& enclosureFile, const std::string& dayF
   scenario.enclosureName = name_of(enclosureFile);
   const std::string text = read_file(enclosureFile);
   scenario.parameters = parameters_of(enclosureFile, text);
-  scenario.disks = scenario.parameters.disks.size();
+  const auto& names = scenario.parameters.diskNames;
+  scenario.disks.resize(names.size());
+  std::iota(scenario.disks.begin(), scenario.disks.end(), std::size_t{0});
+  std::ranges::sort(scenario.disks, {}, [&](std::size_t disk) { return names[disk]; });
   scenario.isRecorded = !recordingFile.empty();
   scenario.name = name_of(scenario.isRecorded ? recordingFile : dayFile);
   scenario.seconds = (hours > 0 ? hours : kHoursOfDay) * kHour;
   const double around = temperature_at(scenario.parameters.outside, kDay - kWarmUp);
-  scenario.start.assign(scenario.disks, around);
+  scenario.start.assign(names.size(), around);
   if (scenario.isRecorded) {
     read_recording(recordingFile, hours, scenario);
   } else {

@@ -22,11 +22,17 @@ struct Scenario {
   long long seconds = 0;  // to be counted
   std::string enclosure;  // the file's text, its day shifted by the warm-up
   appliance::EnclosureParameters parameters;
-  std::size_t disks = 0;      // to be shown: with a recording, those that it has
+  // The disks that are shown, in the order of their names: with a recording those that it has.
+  // Their places in the enclosure's file.
+  std::vector<std::size_t> disks;
   std::vector<double> start;  // degrees Celsius of the disks at the very first second
   // Second from the beginning of the counted time, and what the timeline takes.
   std::vector<std::pair<long long, std::string>> events;
   std::vector<std::string> warnings;
+
+  const std::string& diskName(std::size_t shown) const {
+    return parameters.diskNames[disks[shown]];
+  }
 };
 
 // Reads the two files. Without hours the whole recording is counted, or one day. Throws LabError.

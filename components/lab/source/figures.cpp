@@ -87,7 +87,7 @@ Totals totals_of(const Run& run, const Scenario& scenario) {
   const int alert = run.configuration->alertLevel();
   const int critical = run.configuration->critical;
   for (const Minute& minute : run.minutes) {
-    for (std::size_t i = 0; i < scenario.disks; ++i) {
+    for (std::size_t i = 0; i < scenario.disks.size(); ++i) {
       totals.warmest[i] = std::max(totals.warmest[i], minute.disks[i]);
     }
     if (minute.second == 0) totals.measured = minute.measured;
@@ -124,8 +124,8 @@ std::vector<Figure> figures_of(const Report& report) {
   const auto add = [&](const std::string& name, const std::string& unit, auto&& text) {
     figures.push_back({name, unit, each_run(report, text)});
   };
-  for (std::size_t i = 0; i < scenario.disks; ++i) {
-    add("highest of " + scenario.parameters.diskNames[i], "C",
+  for (std::size_t i = 0; i < scenario.disks.size(); ++i) {
+    add("highest of " + scenario.diskName(i), "C",
         [&](const Run&, const Totals& totals) { return celsius(totals.warmest[i]); });
   }
   add("highest measured", "C",

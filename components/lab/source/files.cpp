@@ -22,8 +22,8 @@ std::string minutes_csv(const Run& run, const Scenario& scenario) {
   std::string text =
       "time (s),outside (C),air (C),sensor (C),measured (C),command,speed (rpm),flow (m3/s),"
       "fan power (W)";
-  for (std::size_t i = 0; i < scenario.disks; ++i) {
-    text += "," + scenario.parameters.diskNames[i] + " (C)";
+  for (std::size_t i = 0; i < scenario.disks.size(); ++i) {
+    text += "," + scenario.diskName(i) + " (C)";
   }
   text += "\n";
   for (const Minute& minute : run.minutes) {

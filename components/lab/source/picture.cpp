@@ -86,13 +86,15 @@ std::string cleaned(std::string svg) {
 
 Pictures draw(const Report& report, const std::string& folder) {
   const auto drawn = [&](const PlotFormat& format, const char* name) {
-    const std::string place = folder + "/" + name;
+    std::string place = folder;
+    place.append("/").append(name);
     fs::create_directory(place);
+    place += "/";
     for (const auto& [file, content] : plot_files(report, format)) {
-      write_file(place + "/" + file, content);
+      write_file(place + file, content);
     }
     run_gnuplot(place);
-    return cleaned(read_file(place + "/out.svg"));
+    return cleaned(read_file(place + "out.svg"));
   };
   return {.wide = drawn(kWide, "wide"), .narrow = drawn(kNarrow, "narrow")};
 }

@@ -234,7 +234,7 @@ Plot temperatures(const Report& report, const PlotFormat& format, const Range& r
   const std::string second = report.hasRival() ? "rival" : pair.rival.rule();
   const auto hasSensor = [](const Run& run) { return !run.configuration->sensor.empty(); };
   Plot plot;
-  if (report.scenario->disks > 1) {
+  if (report.scenario->disks.size() > 1) {
     plot.add(
         text_of("'table' using 1:4:5 with filledcurves fs solid 0.18 noborder lc rgb '%s'", kTable),
         first + ": all disks");

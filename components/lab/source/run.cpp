@@ -24,7 +24,7 @@ namespace {
 
 constexpr double kDutyCommand = 255;  // full speed of a fan that takes a duty cycle
 constexpr double kThousand = 1000;
-constexpr std::ptrdiff_t kDiskColumn = 8;  // of the record
+constexpr std::size_t kDiskColumn = 8;  // of the record
 constexpr char kUpdating[] = "updating m_currentCmd to val ";
 constexpr char kMatch[] = "Match a fan driver";
 constexpr std::chrono::milliseconds kPoll{2};
@@ -55,8 +55,7 @@ void lay_out_disks(const Appliance& appliance, const Scenario& scenario) {
     const std::string& name = names[i];
     const int degrees = std::clamp(static_cast<int>(scenario.start[i]), 1, 255);
     partitions += text_of("   8 %zu 1953514584 %s\n", i * 16, name.c_str());
-    appliance.disk(name, "model=LAB " + name + "\nserial=" + name +
-                             "\ntemperature=" + std::to_string(degrees) + "\n");
+    appliance.disk(name, text_of("model=LAB\nserial=%s\ntemperature=%d\n", name.c_str(), degrees));
   }
   appliance.write("/proc/partitions", partitions);
 }
@@ -139,15 +138,15 @@ void take_minutes(const std::string& record, const Scenario& scenario, Run& run)
     std::vector<double> values;
     for (const std::string& cell : split(line, ',')) values.push_back(std::atof(cell.c_str()));
     const auto second = static_cast<long long>(values[0]) - kWarmUp;
-    if (second < 0 || values.size() < static_cast<std::size_t>(kDiskColumn) + scenario.disks)
-      continue;
+    if (second < 0 || values.size() < kDiskColumn + scenario.parameters.disks.size()) continue;
     Minute minute;
     minute.second = second;
     double* const places[] = {&minute.outside, &minute.air,  &minute.sensor,  &minute.command,
                               &minute.speed,   &minute.flow, &minute.fanPower};
     for (std::size_t i = 0; i < std::size(places); ++i) *places[i] = values[i + 1];
-    const auto disks = values.begin() + kDiskColumn;
-    minute.disks.assign(disks, disks + static_cast<std::ptrdiff_t>(scenario.disks));
+    for (const std::size_t disk : scenario.disks) {
+      minute.disks.push_back(values[kDiskColumn + disk]);
+    }
     minute.measured = measured(minute, *run.configuration, scenario);
     run.minutes.push_back(std::move(minute));
   }

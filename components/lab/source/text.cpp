@@ -80,6 +80,7 @@ std::string name_of(const std::string& path) {
 std::string length_of(double seconds) {
   const auto minutes = std::llround(seconds / kMinute);
   if (minutes < kMinute) return text_of("%lld min", minutes);
+  if (minutes % kMinute == 0) return text_of("%lld h", minutes / kMinute);
   return text_of("%lld h %02lld min", minutes / kMinute, minutes % kMinute);
 }
 

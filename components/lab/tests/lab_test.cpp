@@ -197,7 +197,7 @@ TEST_CASE("recorded temperatures are measured at their seconds; gaps are named a
   desk.put("table/fan_controller.conf", "fan_driver_sysfs_dir=/sys/fan\nperiod_in_sec=60\n");
   const Result result = desk.lab("--replay r.csv");
   CHECK(result.status == 0);
-  CHECK(has(result.errors, "r.csv:5: no temperatures for 50 min before this line"));
+  CHECK(has(result.errors, "r.csv:5: no temperature in column 3 for 50 min"));
   auto run = desk.columns("table-nearest.csv");
   const auto& measured = run["measured (C)"];
   REQUIRE(measured.size() == 72);  // 4260 s
