@@ -110,7 +110,7 @@ std::string time_axis(const PlotFormat& format, long long seconds, bool hasLabel
     std::string label = at == kDay && seconds == kDay ? "24:00" : moment_of(at);
     if (step == kDay) label = text_of("day %lld", at / kDay + 1);
     if (label.starts_with("day") && step < kDay) label.erase(0, label.rfind(' ') + 1);
-    if (!hasLabels) label.clear();
+    if (!hasLabels || (step == kDay && at == seconds)) label.clear();
     text += text_of("%s\"%s\" %.6g", text.empty() ? "" : ",", label.c_str(), hours(at));
   }
   return text_of("set xrange [0:%.6g]\nset xtics (%s) scale 0.4 nomirror\n", hours(seconds),
@@ -256,6 +256,17 @@ Plot two_lines(const PlotFormat& format, const char* ofTable, const char* ofRiva
   return plot;
 }
 
+// Distance of the marks on an axis from 0: at most four of them, at round numbers.
+double round_step(double most) {
+  constexpr double kDutyMost = 255;  // its thirds are round to those who know it
+  if (most == kDutyMost) return kDutyMost / 3;
+  const double power = std::pow(10, std::floor(std::log10(most / 4)));
+  for (const double factor : {1.0, 2.0, 5.0}) {
+    if (most <= 4 * factor * power) return factor * power;
+  }
+  return 10 * power;
+}
+
 // Panels from the top to the bottom, in pixels.
 class Panels {
  public:
@@ -320,8 +331,8 @@ std::map<std::string, std::string> plot_files(const Report& report, const PlotFo
 
   const int highest = highest_command(pair);
   script += panels.next(format.small, "command");
-  script += text_of("set yrange [0:%.6g]\nset ytics autofreq %d\n", highest * 1.08,
-                    std::max(1, (highest + 2) / 3));
+  script += text_of("set yrange [0:%.6g]\nset ytics autofreq %.6g\n", highest * 1.08,
+                    round_step(highest));
   script += two_lines(format, "'table-commands' using 1:2 with steps",
                       "'rival-commands' using 1:2 with steps")
                 .text();
@@ -330,8 +341,8 @@ std::map<std::string, std::string> plot_files(const Report& report, const PlotFo
   script += '\n';
   script += panels.next(format.small, "speed, rpm");
   script += time_axis(format, seconds, true);
-  script += text_of("set yrange [0:%.6g]\nset ytics autofreq %.6g\n", full * 1.08,
-                    std::max(1.0, std::round(full / 250) * 100));
+  script +=
+      text_of("set yrange [0:%.6g]\nset ytics autofreq %.6g\n", full * 1.08, round_step(full));
   script +=
       two_lines(format, "'table' using 1:6 with lines", "'rival' using 1:6 with lines").text();
 
