@@ -63,7 +63,7 @@ wait_for() {
 
 # What a build and the tests need on a bare Debian 12.
 build_packages=(cmake g++ make libc6-dev libcli11-dev nlohmann-json3-dev)
-test_packages=("${build_packages[@]}" doctest-dev)
+test_packages=("${build_packages[@]}" doctest-dev gnuplot-nox)
 
 # cross_packages PRESET: sets cross_packages, what a preset for another processor needs beside them.
 cross_packages() {

@@ -13,10 +13,23 @@
 //                    removed outside the root (/dev/null apart): there should be none
 //   <root>/timeline  what shall happen while the program waits, in ascending order of seconds:
 //                    `<seconds> write <path> <text>`, `<seconds> remove <path>`,
-//                    `<seconds> mode <path> <octal>`, `<seconds> signal <NAME>`
+//                    `<seconds> mode <path> <octal>`, `<seconds> signal <NAME>`; in an enclosure
+//                    `<seconds> load <sdX or all> <idle, seek or standby>`, `<seconds> outside
+//                    <degrees>`, `<seconds> fan <blocked or free>`, `<seconds> dust <factor>`,
+//                    `<seconds> celsius <degrees>,<degrees>...`: measured temperatures of the
+//                    disks, the first one the sensor's too, instead of what the heat would make of
+//                    them
 //   <root>/clock     when it is there at the first wait: the seconds since the start, for all
 //                    programs; time passes only when somebody writes it anew, in one step. What a
 //                    program has come to before it really waits stands in <root>/clock_reached.
+//   <root>/enclosure what heats up and what cools (see enclosure.h and the lab's examples): those
+//                    files that it names and that are there follow its state as time passes, in the
+//                    program that waits, at the end of each wait and at each event. It begins cold,
+//                    at 0 seconds, with every program that is started: let one wait at a time.
+//                    What is wrong with it, the journal says.
+//   <root>/enclosure.csv  a line a minute, and one for the start: seconds, degrees Celsius outside,
+//                    of the air and of the sensor, command, revolutions a minute, m3/s, W of the
+//                    fan, degrees Celsius of each disk
 //   <root>/select    a number: what the next select() returns at once, with no descriptor marked;
 //                    the file is gone then
 //   <root>/fork      a signal's name: what the child of the next fork() gets at once; the file is

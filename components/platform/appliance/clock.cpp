@@ -25,8 +25,9 @@ namespace {
 using Microseconds = long long;
 constexpr Microseconds kSecond = 1'000'000;
 constexpr Microseconds kEndOfTime = std::numeric_limits<Microseconds>::max();
-constexpr Microseconds kLongestNap = 3600 * kSecond;  // of real waiting, keeps a timeval small
-constexpr std::size_t kTimelineMax = std::size_t{256} * 1024;
+constexpr Microseconds kLongestNap = 3600 * kSecond;       // of real waiting, keeps a timeval small
+constexpr std::size_t kLineUsual = std::size_t{4} * 1024;  // of the timeline
+constexpr std::size_t kLineMax = std::size_t{256} * 1024;
 constexpr std::size_t kScriptMax = 32;
 constexpr long kLookAgain = 500'000;  // nanoseconds between two looks at <root>/clock
 constexpr mode_t kFileMode = 0644;
@@ -40,8 +41,8 @@ struct Clock {
   Microseconds elapsed;
   long long epoch;
   bool epochKnown;
-  bool follows;  // <root>/clock, from the first wait on
-  std::size_t nextEvent;
+  bool follows;      // <root>/clock, from the first wait on
+  off64_t timeline;  // what has happened of it, in bytes
 };
 constinit Clock clock{};
 
@@ -103,7 +104,7 @@ bool followUntil(Microseconds moment) {
 }
 
 // Lets time pass up to a moment; false when a signal came first.
-bool passUntil(Microseconds moment) {
+bool letPass(Microseconds moment) {
   if (clock.follows) return followUntil(moment);
   using RealClock = std::chrono::steady_clock;
   const double rate = speed();
@@ -133,6 +134,12 @@ bool passUntil(Microseconds moment) {
   return true;
 }
 
+bool passUntil(Microseconds moment) {
+  const bool whole = letPass(moment);
+  liveUntil(static_cast<double>(clock.elapsed) / static_cast<double>(kSecond));
+  return whole;
+}
+
 // Timeline
 
 struct Event {
@@ -158,14 +165,39 @@ Event parse(std::string_view line) {
   return event;
 }
 
-std::optional<Event> eventAt(std::size_t index) {
-  const std::string text = readFile(std::string(root()) + "/timeline", kTimelineMax);
-  for (std::string_view rest = text; !rest.empty();) {
-    const auto line = cut(rest, '\n');
-    if (line.find_first_not_of(" \t") == std::string_view::npos || line[0] == '#') continue;
-    if (index-- == 0) return parse(line);
+// A part of the timeline.
+std::string readPart(off64_t offset, std::size_t size) {
+  const std::string path = std::string(root()) + "/timeline";
+  const int file = openat(AT_FDCWD, path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (file < 0) return {};
+  std::string text(size, '\0');
+  const ssize_t count = pread64(file, text.data(), size, offset);
+  close(file);
+  text.resize(count < 0 ? 0 : static_cast<std::size_t>(count));
+  return text;
+}
+
+struct Place {
+  Event event;
+  off64_t behind;
+};
+
+// The first event from a byte of the timeline on.
+std::optional<Place> eventFrom(off64_t offset) {
+  for (;;) {
+    std::string text = readPart(offset, kLineUsual);
+    if (text.find('\n') == std::string::npos) text = readPart(offset, kLineMax);
+    if (text.empty()) return std::nullopt;
+    for (std::string_view rest = text; !rest.empty();) {
+      const std::size_t end = rest.find('\n');
+      // What begins here may go on behind the piece.
+      if (end == std::string_view::npos && rest.size() < text.size()) break;
+      const auto line = cut(rest, '\n');
+      offset += static_cast<off64_t>(line.size()) + 1;
+      if (line.find_first_not_of(" \t") == std::string_view::npos || line[0] == '#') continue;
+      return Place{parse(line), offset};
+    }
   }
-  return std::nullopt;
 }
 
 // Replaces the content and keeps the permissions, as a driver does with its attribute; what the
@@ -231,6 +263,7 @@ bool happen(const Event& event) {
     raise(number);
     return ends;
   }
+  if (changeEnclosure(event.action, event.object, event.text)) return false;
   if (!changeFile(event)) record("timeline", "failed: %s", event.line.c_str());
   return false;
 }
@@ -248,12 +281,12 @@ Wait wait(Microseconds length) {
   const Microseconds deadline = later(clock.elapsed, length);
   bool interrupted = false;
   while (!interrupted) {
-    const auto event = eventAt(clock.nextEvent);
-    if (!event || event->due > deadline) break;
-    interrupted = !passUntil(event->due);
+    const auto next = eventFrom(clock.timeline);
+    if (!next || next->event.due > deadline) break;
+    interrupted = !passUntil(next->event.due);
     if (interrupted) break;
-    ++clock.nextEvent;  // first: a signal handler may wait in turn
-    interrupted = happen(*event);
+    clock.timeline = next->behind;  // first: a signal handler may wait in turn
+    interrupted = happen(next->event);
   }
   if (!interrupted) interrupted = !passUntil(deadline);
   return {std::max(deadline - clock.elapsed, Microseconds{0}), interrupted};
@@ -335,7 +368,8 @@ long long appliance_elapsed() { return appliance::clock.elapsed / kSecond; }
 
 void appliance_reset() {
   appliance::clock.elapsed = 0;
-  appliance::clock.nextEvent = 0;
+  appliance::clock.timeline = 0;
+  forgetEnclosure();
   appliance::clock.follows = false;
 }
 

@@ -27,8 +27,6 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr mode_t kFileMode = 0600;
-constexpr rlim_t kFileSizeMost = rlim_t{16} << 20;
-constexpr rlim_t kProcessorSecondsMost = 30;
 constexpr int kPolls = 5000;
 constexpr std::chrono::duration<int, std::milli> kPollPeriod{2};
 constexpr std::size_t kPiece = 4096;
@@ -57,8 +55,8 @@ std::vector<std::string> commandLine(const Appliance& appliance, const Program::
 
 // In the child.
 [[noreturn]] void become(char** words, const Program::Start& start, int output, int errors) {
-  limit(RLIMIT_FSIZE, kFileSizeMost);
-  limit(RLIMIT_CPU, kProcessorSecondsMost);
+  limit(RLIMIT_FSIZE, start.limits.fileSize);
+  limit(RLIMIT_CPU, start.limits.processorSeconds);
   (void)::dup2(output, STDOUT_FILENO);
   (void)::dup2(errors, STDERR_FILENO);
   if (start.terminal >= 0) {

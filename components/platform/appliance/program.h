@@ -44,11 +44,16 @@ std::string received(int descriptor, const std::function<bool(const std::string&
 // another processor.
 class Program {
  public:
+  struct Limits {
+    unsigned long processorSeconds = 30;
+    unsigned long fileSize = 16UL << 20;  // bytes
+  };
   struct Start {
     std::string binary;
     std::vector<std::string> arguments = {};
     int output = -1;    // standard output; the appliance's file /out by default
     int terminal = -1;  // a terminal: the program leads a session on it
+    Limits limits = {};
   };
 
   // Returns when the process that was started has ended, and has left a daemon or not. Standard

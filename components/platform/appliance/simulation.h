@@ -35,6 +35,15 @@ std::string readFile(const std::string& path, std::size_t limit);
 // Takes the text up to a delimiter, or all of it, off the front; the delimiter goes too.
 std::string_view cut(std::string_view& text, char delimiter);
 
+// Lets the enclosure live up to a second of the simulated clock, if there is one.
+void liveUntil(double seconds);
+
+// Something that happens to it, as the timeline says it. False for what it does not know.
+bool changeEnclosure(std::string_view action, const std::string& object, const std::string& text);
+
+// Another root may have another enclosure, or none.
+void forgetEnclosure();
+
 // Adds a formatted line to the journal; see appliance_note.
 void record(const char* kind, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
