@@ -29,7 +29,7 @@ install(FILES ${changelog} DESTINATION ${documents} RENAME changelog.Debian)
 
 set(CPACK_OUTPUT_CONFIG_FILE ${CMAKE_BINARY_DIR}/CPackTools.cmake)
 set(CPACK_DEBIAN_PACKAGE_ENHANCES fan-controller)
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "prepare and check a machine for the fan control service")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "prepare and watch a machine for the fan control service")
 set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
 "fanctl lists the fans, sensors and disks of a machine, presents the driver of
 a fan in the form that the service fan-controller knows, says what the service

@@ -146,6 +146,9 @@ std::string look_at_temperature(const std::string& known) {
   return temperature_level();
 }
 
+// Tells two acts apart, also when the record was removed and counts anew.
+std::string name_of(const GuardRecord& guard) { return join({guard.number, "@", guard.since}); }
+
 struct Seen {
   State values;  ///< one for each key of the rows above
   GuardRecord guard;
@@ -158,7 +161,7 @@ Seen look(const State& told) {
   seen.values["temperature"] = look_at_temperature(told.at("temperature"));
   seen.guard = read_guard_record();
   const bool hasActed = seen.guard.number > 0;
-  seen.values["guard"] = hasActed ? std::to_string(seen.guard.number) : told.at("guard");
+  seen.values["guard"] = hasActed ? name_of(seen.guard) : told.at("guard");
   return seen;
 }
 
@@ -166,6 +169,7 @@ Seen look(const State& told) {
 
 constexpr std::string_view kEventKey = "event.";
 constexpr std::string_view kHookKey = "hook.";
+constexpr std::string_view kFailureKey = "failure.";  // of a hook: when it was reported, and why
 
 // With its noughts, so that the keys are in the order of the numbers.
 std::string event_key(int serial) {
@@ -175,8 +179,8 @@ std::string event_key(int serial) {
 }
 
 // A key holds no = and no blank at its end; the name of a file may.
-std::string hook_key(const std::string& name) {
-  std::string key(kHookKey);
+std::string hook_key(const std::string& name, std::string_view beginning = kHookKey) {
+  std::string key(beginning);
   for (const char each : name) {
     const auto byte = static_cast<unsigned char>(each);
     if (byte > ' ' && each != '=' && each != '%') {
@@ -215,7 +219,7 @@ void begin(State& told) {
   told.emplace("service", "");
   told.emplace("fan", "working");
   told.emplace("temperature", "normal");
-  told.emplace("guard", guard.stands ? "0" : std::to_string(guard.number));
+  told.emplace("guard", guard.stands ? "0" : name_of(guard));
   told.emplace("serial", "0");
 }
 
@@ -249,8 +253,12 @@ void note_hooks(State& told, const std::vector<std::string>& hooks) {
     const std::string key = hook_key(hook);
     const auto former = told.find(key);
     known[key] = former == told.end() ? told["serial"] : former->second;
+    const auto failure = told.find(hook_key(hook, kFailureKey));
+    if (failure != told.end()) known[failure->first] = failure->second;
   }
-  std::erase_if(told, [](const auto& entry) { return entry.first.starts_with(kHookKey); });
+  std::erase_if(told, [](const auto& entry) {
+    return entry.first.starts_with(kHookKey) || entry.first.starts_with(kFailureKey);
+  });
   told.merge(known);
 }
 
@@ -277,14 +285,16 @@ void drop_events(State& told) {
 
 // --- Telling it ---
 
-ExitStatus cannot_keep(const char* path) {
-  const char* const reason = std::strerror(errno);
-  syslog(LOG_ERR, "fanctl notify: nothing can be told, because %s cannot be written: %s", path,
-         reason);
-  (void)std::fprintf(stderr,
-                     "fanctl notify: nothing can be told, because %s cannot be written: %s\n", path,
-                     reason);
+ExitStatus complain(std::initializer_list<TextPiece> what) {
+  const std::string reason = std::strerror(errno);
+  const std::string text = join({"fanctl notify: ", join(what), ": ", reason});
+  syslog(LOG_ERR, "%s", text.c_str());
+  (void)std::fprintf(stderr, "%s\n", text.c_str());
   return EXIT_ERRORS;
+}
+
+ExitStatus cannot_keep(const char* path) {
+  return complain({"nothing can be told, because ", path, " cannot be written"});
 }
 
 struct Hooks {
@@ -298,6 +308,18 @@ std::string run(Hooks& hooks, const std::string& name, const Notice& notice) {
   std::string problem = run_hook(join({hooks.folder, "/", name}), notice);
   if (!problem.empty()) hooks.failed.insert(name);
   return problem;
+}
+
+// The log may lie on disks that are to sleep: the same failure is reported once an hour.
+bool is_old_failure(State& told, const std::string& hook, const std::string& problem) {
+  constexpr long long kHour = 3600;
+  std::string& known = told[hook_key(hook, kFailureKey)];
+  const long long now = std::time(nullptr), then = std::strtoll(known.c_str(), nullptr, 10);
+  const std::size_t blank = known.find(' ');
+  const bool isSame = blank != std::string::npos && known.substr(blank + 1) == problem;
+  if (isSame && now >= then && now - then < kHour) return true;
+  known = join({now, " ", problem});
+  return false;
 }
 
 void report(const Notice& notice, const std::string& hook, const std::string& problem) {
@@ -327,12 +349,19 @@ bool tell(State& told, Hooks& hooks) {
       if (problem.empty()) {
         taken = std::to_string(serial);
         drop_events(told);
+        told.erase(hook_key(name, kFailureKey));
         if (!write_state(kToldFile, told)) return false;
       }
-      report(notice, name, problem);
+      if (problem.empty() || !is_old_failure(told, name, problem)) report(notice, name, problem);
     }
   }
   return true;
+}
+
+// Whether a hook has not taken an event yet.
+bool has_waiting(const State& told) {
+  const auto event = told.lower_bound(std::string(kEventKey));
+  return event != told.end() && event->first.starts_with(kEventKey);
 }
 
 ExitStatus tell_changes(const Options& options) {
@@ -344,15 +373,26 @@ ExitStatus tell_changes(const Options& options) {
   State written = read_state(kToldFile);
   State told = written;
   begin(told);
+  if (exists(hooks.folder) && !DirPtr(::opendir(hooks.folder.c_str()))) {
+    return complain({hooks.folder, " cannot be read"});
+  }
   for (int round = 0; round < kRounds; ++round) {
     hooks.names = list_hooks(hooks.folder);
     note_hooks(told, hooks.names);
     note_changes(told, settings);
     drop_events(told);
     if (round > 0 && told == written) break;
-    // Also before the first hook: what cannot be noted would be told again and again.
+    // Before the first hook, though nothing is new: what cannot be noted would be told again and
+    // again.
+    const bool runsHooks = round == 0 && has_waiting(told);
+    if ((told != written || runsHooks) && !write_state(kToldFile, told)) {
+      return cannot_keep(kToldFile);
+    }
+    written = told;
+    if (!tell(told, hooks)) {
+      return complain({"it may be told once more, because ", kToldFile, " cannot be written"});
+    }
     if (told != written && !write_state(kToldFile, told)) return cannot_keep(kToldFile);
-    if (!tell(told, hooks)) return cannot_keep(kToldFile);
     written = told;
   }
   return hooks.failed.empty() ? EXIT_FINE : EXIT_WARNINGS;

@@ -1,5 +1,9 @@
 #include "service-process.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
@@ -17,8 +21,14 @@ namespace {
 constexpr char kStopped[] = "/run/fan_controller/stopped";
 constexpr std::string_view kProgram = "fan_controller";
 
-// The kernel shows the first 15 characters of a program's name.
+// The kernel shows the first 15 characters of a program's name. Everybody can give a program this
+// name; the service is root's.
 bool is_service(pid_t process) {
+  struct stat status {};
+  if (::stat(join({"/proc/", process}).c_str(), &status) != 0 ||
+      (status.st_uid != 0 && status.st_uid != ::geteuid())) {
+    return false;
+  }
   const auto name = sysfs_read_attr(join({"/proc/", process, "/comm"}).c_str());
   return name && name.get() == kProgram.substr(0, 15);
 }
@@ -69,6 +79,19 @@ bool is_wanted(State& unit) {
 }
 
 }  // namespace
+
+std::optional<std::time_t> start_of(const ServiceProcess& service, std::time_t now) {
+  timespec sinceBoot{};
+  const long ticks = ::sysconf(_SC_CLK_TCK);
+  if (service.process == 0 || ticks <= 0 || ::clock_gettime(CLOCK_BOOTTIME, &sinceBoot) != 0) {
+    return std::nullopt;
+  }
+  constexpr double kNanoseconds = 1e-9;
+  const double started = static_cast<double>(service.started) / static_cast<double>(ticks);
+  const double age = static_cast<double>(sinceBoot.tv_sec) +
+                     static_cast<double>(sinceBoot.tv_nsec) * kNanoseconds - started;
+  return now - static_cast<std::time_t>(std::max(age, 0.0));
+}
 
 ServiceProcess look_at_service(const std::string& removedFile) {
   const auto text = sysfs_read_attr(PID_FILE_PATH);

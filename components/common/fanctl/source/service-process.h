@@ -3,6 +3,8 @@
 
 #include <sys/types.h>
 
+#include <ctime>
+#include <optional>
 #include <string>
 
 enum class ServiceState {
@@ -26,6 +28,9 @@ inline constexpr char PID_FILE_PATH[] = "/var/run/fan_controller.pid";
 /// one that a service removes when it is stopped. Where that is another one, the first tells
 /// nothing.
 ServiceProcess look_at_service(const std::string& removedFile = PID_FILE_PATH);
+
+/// When the process was started, to a second, by a clock that shows `now`; nothing when that is not known.
+std::optional<std::time_t> start_of(const ServiceProcess& service, std::time_t now);
 
 /// Whether this very process is still there.
 bool is_still_there(const ServiceProcess& service);

@@ -4,6 +4,7 @@
 // at a time, it would end in the spindown mode, with disks awake. So a signal that matters is sent
 // while the service waits, its wait is ended at once, and what is to be done is noted before and
 // after: a run that was killed in between is made good by the next one.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,13 +12,16 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <ctime>
 #include <string>
 #include <string_view>
 
+#include "alert-flags.h"
 #include "commands.h"
 #include "configuration.h"
 #include "disk-state.h"
-#include "measurement.h"
+#include "files.h"
+#include "hwmon.h"
 #include "service-process.h"
 #include "service-signal.h"
 #include "state.h"
@@ -47,6 +51,8 @@ struct Standby {
   Configuration configuration;
   int asleep = 0;  // runs in a row that found all disks asleep
   Mode mode = Mode::kNormal;
+  bool isAsking = false;  // about to ask the disks while the service rests
+  bool isStuck = false;   // a run before this one has not got beyond that
 };
 
 bool is_normal(const Standby& standby) {
@@ -70,10 +76,12 @@ ExitStatus complain(const std::string& what) {
 // Another process is a service that was started since, which begins in normal operation.
 void recall(Standby& standby) {
   State memory = read_state(kMemory);
-  standby.asleep = parse_int(memory["asleep"].c_str());
   const bool isSame = memory["process"] == join({standby.service.process}) &&
                       memory["started"] == join({standby.service.started});
-  for (std::size_t mode = 0; isSame && mode < kModeNames.size(); ++mode) {
+  if (!isSame) return;
+  standby.asleep = parse_int(memory["asleep"].c_str());
+  standby.isStuck = memory["asking"] == "yes";
+  for (std::size_t mode = 0; mode < kModeNames.size(); ++mode) {
     if (memory["mode"] == kModeNames[mode]) standby.mode = static_cast<Mode>(mode);
   }
 }
@@ -86,6 +94,7 @@ bool remember(Standby& standby, Mode mode) {
   memory["started"] = join({standby.service.started});
   memory["asleep"] = join({standby.asleep});
   memory["mode"] = kModeNames[static_cast<std::size_t>(mode)];
+  if (standby.isAsking) memory["asking"] = "yes";
   if (read_state(kMemory) == memory || write_state(kMemory, memory)) return true;
   std::perror((std::string("fanctl standby: ") + kMemory).c_str());
   return false;
@@ -118,11 +127,37 @@ ExitStatus leave(Standby& standby, const std::string& why) {
   return noted ? EXIT_FINE : EXIT_ERRORS;
 }
 
+// While the service waits for a file it sleeps second by second too, and serves nothing. It has
+// read both when they are older than its process, or have been there for longer than its next look
+// takes.
+bool is_past_its_start(const Standby& standby) {
+  constexpr std::time_t kLook = 330;  // seconds
+  const Configuration& configuration = standby.configuration;
+  timespec clock{};
+  (void)::clock_gettime(CLOCK_REALTIME, &clock);
+  const std::time_t now = clock.tv_sec;
+  const std::time_t start = start_of(standby.service, now).value_or(0) + 1;  // or before
+  const auto isRead = [&](const std::string& path) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 &&
+           (status.st_ctime <= start || now - status.st_ctime > kLook);
+  };
+  return isRead(configuration.settingsPath) && isRead(configuration.tablePath);
+}
+
+// A fan that is blocked, or was, is restarted or reported within the wait.
+bool is_fan_in_trouble(const Driver& driver) {
+  return read_attribute(driver.alarmPath) == "1" || exists(FAN_FAILED_FLAG);
+}
+
 ExitStatus enter(Standby& standby) {
   const bool unfinished = is_unfinished(standby);
-  const Waiting waiting = look_at_wait(standby.service, standby.configuration);
+  const bool isBusy =
+      !is_past_its_start(standby) || is_fan_in_trouble(find_driver(standby.configuration.settings));
+  const Waiting waiting = isBusy ? Waiting{} : look_at_wait(standby.service, standby.configuration);
   if (waiting.pause == Pause::kNone) {
-    say(standby, false, "all disks sleep, but the service is busy: the next run tries again");
+    say(standby, false,
+        "all disks sleep, but the service is busy or the fan is blocked: the next run tries again");
     return remember(standby, standby.mode) ? EXIT_FINE : EXIT_ERRORS;
   }
   say(standby, true,
@@ -178,12 +213,32 @@ ExitStatus run_alone(Standby& standby, bool isEnd) {
     (void)stay_awake(standby, "the configuration cannot be read");
     return complain(standby.configuration.settingsPath + " cannot be read");
   }
-  if (read_sensor(standby.configuration.settings)) {
+  if (!standby.configuration.settings.m_tempSensorPath.empty()) {
     return stay_awake(standby, "the service measures its sensor and touches no disk",
                       Mode::kSensor);
   }
+  // A disk that hangs in the kernel may keep a run for ever, and the service must not rest so long.
+  if (standby.isStuck) return stay_awake(standby, "a disk has not answered");
+  if (standby.mode == Mode::kSpindown) {
+    standby.isAsking = true;
+    (void)remember(standby, standby.mode);
+    standby.isAsking = false;
+  }
   const std::string why = why_awake();
   return why.empty() ? let_sleep(standby) : stay_awake(standby, why);
+}
+
+// Another run is at work. When it is one that hangs, this one does not wait for it.
+ExitStatus pass_by(Standby& standby) {
+  struct stat status {};
+  constexpr std::time_t kInterval = 30;
+  standby.service = look_at_service();
+  recall(standby);
+  const bool isOld =
+      ::stat(kMemory, &status) == 0 && std::time(nullptr) - status.st_mtime > kInterval;
+  if (!standby.isStuck || !isOld || standby.service.state != ServiceState::kRuns) return EXIT_FINE;
+  standby.configuration = read_configuration(standby.options.configDir);
+  return stay_awake(standby, "a disk has not answered");
 }
 
 }  // namespace
@@ -196,7 +251,7 @@ ExitStatus run_standby(const Options& options, const StandbyOptions& wanted) {
   for (int tenth = 0; tenth < kTenths; ++tenth) {
     const Descriptor lock = lock_file(kLock);
     if (lock || errno != EWOULDBLOCK) return run_alone(standby, wanted.end);
-    if (!wanted.end) return EXIT_FINE;  // the next run is not far
+    if (!wanted.end) return pass_by(standby);
     (void)::usleep(kTenth);
   }
   return complain("another run has not ended for a minute");

@@ -24,16 +24,6 @@ namespace {
 
 // --- The service ---
 
-std::optional<std::time_t> start_of(const ServiceProcess& service, std::time_t now) {
-  timespec sinceBoot{};
-  const long ticks = ::sysconf(_SC_CLK_TCK);
-  if (service.process == 0 || ticks <= 0 || ::clock_gettime(CLOCK_BOOTTIME, &sinceBoot) != 0) {
-    return std::nullopt;
-  }
-  const auto started = service.started / static_cast<unsigned long long>(ticks);
-  return now - std::max<std::time_t>(sinceBoot.tv_sec - static_cast<std::time_t>(started), 0);
-}
-
 // fanctl standby notes what it asked this very process for.
 bool is_in_spindown(const ServiceProcess& service) {
   State noted = read_state(join({RUN_FOLDER, "/standby"}));

@@ -1,8 +1,10 @@
 // The shipped fanctl and the shipped service on one simulated board, with one clock for both.
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <optional>
 
@@ -109,6 +111,11 @@ TEST_CASE("two runs that find all disks asleep, and one that does not") {
     box.disks("standby", "active");
     for (int run = 0; run < 3; ++run) CHECK(box.run() == "");
     CHECK(box.mode() == "normal");
+    // Asleep, awake, asleep: not twice in a row.
+    box.disks("standby", "standby");
+    CHECK(box.run() == "");
+    box.disks("standby", "active");
+    CHECK(box.run() == "");
     (void)box.journal({});
     box.disks("standby", "standby");
     CHECK(box.run() == "");
@@ -262,6 +269,47 @@ TEST_CASE("a service that is busy is sent no SIGUSR1 and gets SIGUSR2 as soon as
   (void)box.run();
   CHECK(box.switched("spindown") == 1);
   CHECK_FALSE(box.measures());
+}
+
+TEST_CASE("a service that waits for its table is not put to rest") {
+  Box box(kFanless);
+  CHECK(box.service->wait_end(SIGKILL) == SIGKILL);
+  box.remove(CONFIG + "/fan_cmd_tab.conf");
+  box.start();
+  box.disks("standby", "standby");
+  for (int run = 0; run < 3; ++run) CHECK(box.run() == "");
+  box.config("", TABLE);  // which it has not read yet
+  CHECK(box.run() == "");
+  CHECK(box.mode() == "normal");
+}
+
+TEST_CASE("a service that restarts its fan is not put to rest") {
+  Box box;
+  box.disks("standby", "standby");
+  box.write(FAN + "/fan1_alarm", "1\n");
+  for (int run = 0; run < 3; ++run) CHECK(box.run() == "");
+  box.write(FAN + "/fan1_alarm", "0\n");
+  CHECK(contains(box.run(), "SIGUSR1 goes to process "));
+}
+
+TEST_CASE("a disk that hangs does not keep the service at rest") {
+  Box box;
+  box.rest();
+  std::string memory = box.read(kMemory);
+  box.write(kMemory, memory + "asking=yes\n");  // as a run leaves it that never came back
+  CHECK(contains(box.run(), "a disk has not answered: the service measures again"));
+  CHECK(box.switched("normal") == 1);
+  (void)box.run();
+  CHECK(contains(box.run(), "SIGUSR1 goes"));
+
+  // That run is there still, and holds the lock.
+  box.write(kMemory, memory + "asking=yes\n");
+  const Handle lock(
+      ::open(box.at("/run/fan_controller/.standby.lock").c_str(), O_RDWR | O_CLOEXEC));
+  REQUIRE(::flock(lock.number, LOCK_EX) == 0);
+  CHECK(box.run() == "");
+  fs::last_write_time(box.at(kMemory), fs::file_time_type::clock::now() - std::chrono::minutes(1));
+  CHECK(contains(box.run(), "a disk has not answered: the service measures again"));
 }
 
 TEST_CASE("another process is never hit, and a service that was started anew is noticed") {
