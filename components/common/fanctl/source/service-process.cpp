@@ -80,7 +80,7 @@ bool is_wanted(State& unit) {
 
 }  // namespace
 
-std::optional<std::time_t> start_of(const ServiceProcess& service, std::time_t now) {
+std::optional<double> age_of(const ServiceProcess& service) {
   timespec sinceBoot{};
   const long ticks = ::sysconf(_SC_CLK_TCK);
   if (service.process == 0 || ticks <= 0 || ::clock_gettime(CLOCK_BOOTTIME, &sinceBoot) != 0) {
@@ -88,9 +88,9 @@ std::optional<std::time_t> start_of(const ServiceProcess& service, std::time_t n
   }
   constexpr double kNanoseconds = 1e-9;
   const double started = static_cast<double>(service.started) / static_cast<double>(ticks);
-  const double age = static_cast<double>(sinceBoot.tv_sec) +
-                     static_cast<double>(sinceBoot.tv_nsec) * kNanoseconds - started;
-  return now - static_cast<std::time_t>(std::max(age, 0.0));
+  const double now =
+      static_cast<double>(sinceBoot.tv_sec) + static_cast<double>(sinceBoot.tv_nsec) * kNanoseconds;
+  return std::max(now - started, 0.0);
 }
 
 ServiceProcess look_at_service(const std::string& removedFile) {

@@ -3,7 +3,6 @@
 
 #include <sys/types.h>
 
-#include <ctime>
 #include <optional>
 #include <string>
 
@@ -29,8 +28,9 @@ inline constexpr char PID_FILE_PATH[] = "/var/run/fan_controller.pid";
 /// nothing.
 ServiceProcess look_at_service(const std::string& removedFile = PID_FILE_PATH);
 
-/// When the process was started, to a second, by a clock that shows `now`; nothing when that is not known.
-std::optional<std::time_t> start_of(const ServiceProcess& service, std::time_t now);
+/// How long ago the process was started, in seconds, up to a hundredth more; nothing when that is
+/// not known.
+std::optional<double> age_of(const ServiceProcess& service);
 
 /// Whether this very process is still there.
 bool is_still_there(const ServiceProcess& service);

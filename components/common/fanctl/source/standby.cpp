@@ -131,16 +131,17 @@ ExitStatus leave(Standby& standby, const std::string& why) {
 // read both when they are older than its process, or have been there for longer than its next look
 // takes.
 bool is_past_its_start(const Standby& standby) {
-  constexpr std::time_t kLook = 330;  // seconds
+  constexpr double kLook = 330, kNanoseconds = 1e-9, kTick = 0.02;  // seconds
   const Configuration& configuration = standby.configuration;
-  timespec clock{};
-  (void)::clock_gettime(CLOCK_REALTIME, &clock);
-  const std::time_t now = clock.tv_sec;
-  const std::time_t start = start_of(standby.service, now).value_or(0) + 1;  // or before
+  timespec now{};
+  const auto age = age_of(standby.service);
+  if (!age || ::clock_gettime(CLOCK_REALTIME, &now) != 0) return false;
   const auto isRead = [&](const std::string& path) {
     struct stat status {};
-    return ::stat(path.c_str(), &status) == 0 &&
-           (status.st_ctime <= start || now - status.st_ctime > kLook);
+    if (::stat(path.c_str(), &status) != 0) return false;
+    const double fileAge = static_cast<double>(now.tv_sec - status.st_ctim.tv_sec) +
+                           static_cast<double>(now.tv_nsec - status.st_ctim.tv_nsec) * kNanoseconds;
+    return fileAge > *age - kTick || fileAge > kLook;
   };
   return isRead(configuration.settingsPath) && isRead(configuration.tablePath);
 }

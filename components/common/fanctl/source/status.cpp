@@ -139,7 +139,9 @@ Status look_at_status(const Options& options, const std::optional<DiskList>& dis
   status.now = std::time(nullptr);
   status.configuration = read_configuration(options.configDir);
   status.service = look_at_service(status.configuration.settings.m_pidFile);
-  status.serviceSince = start_of(status.service, status.now);
+  if (const auto age = age_of(status.service)) {
+    status.serviceSince = status.now - static_cast<std::time_t>(*age);
+  }
   status.inSpindown = is_in_spindown(status.service);
   look_at_temperature(status, disks);
   look_at_fan(status);
