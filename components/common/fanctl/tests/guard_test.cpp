@@ -20,6 +20,10 @@ const std::string kSettings =
     "fan_driver_sysfs_dir=" + FAN + "\ntemp_sensor_sysfs_entry=" + SENSOR + "\n";
 const std::string kTable = "30=100\n60=240\n";
 
+struct Change {
+  std::string path, text;
+};
+
 struct GuardBoard : Board {
   explicit GuardBoard(bool gpio = false) {
     fan(FAN, gpio);
@@ -27,10 +31,19 @@ struct GuardBoard : Board {
     write(SENSOR, "41000\n");
     config(kSettings, kTable);
   }
-  void disks(const std::string& first, const std::string& second = "") const {
-    write("/proc/partitions", second.empty() ? " 8 0 9 sda\n" : " 8 0 9 sda\n 8 16 9 sdb\n");
-    disk("sda", first);
-    if (!second.empty()) disk("sdb", second);
+  // "-" removes the file, "mode 0400" sets its mode; of a disk it is the description.
+  void apply(const Change& change) const {
+    const auto& [path, text] = change;
+    if (text == "-") {
+      fs::remove_all(at(path));
+    } else if (text.starts_with("mode ")) {
+      allow(path, std::stoi(text.substr(5), nullptr, 8));
+    } else if (path.starts_with("/dev/")) {
+      disk(path.substr(5), text);
+      write("/proc/partitions", read("/proc/partitions") + " 8 0 9 " + path.substr(5) + "\n");
+    } else {
+      write(path, text);
+    }
   }
   void without_sensor() const { config("fan_driver_sysfs_dir=" + FAN + "\n", kTable); }
   int command(const std::string& name = "pwm1") const {
@@ -86,162 +99,91 @@ void halt(pid_t process) {
 }  // namespace
 
 TEST_CASE("what makes it act, and what does not") {
-  const auto sensor = [](const char* text) {
-    return [text](const GuardBoard& board) { board.write(SENSOR, text); };
-  };
+  const std::string pwm = FAN + "/pwm1", table = CONFIG + "/fan_cmd_tab.conf";
+  const std::string settings = CONFIG + "/fan_controller.conf", line = "/timeline";
+  const std::string blind = "no temperature can be read",
+                    failed = "could not be given the highest command, 240: ";
+  const Change noSensor = {settings, "fan_driver_sysfs_dir=" + FAN + "\n"},
+               hot = {SENSOR, "90000\n"};
   const struct {
     std::string name;
-    std::function<void(const GuardBoard&)> prepare;
     int status, command;
     std::string says;
-    Lines arguments = {"guard"};
+    std::vector<Change> changes;
+    Lines options = {};
   } cases[] = {
-      {"all well", [](const GuardBoard&) {}, 0, 100, ""},
-      {"critical", sensor("65999\n"), 0, 100, ""},
-      {"above critical", sensor("66000\n"), 1, 240, "the sensor has 66 C"},
-      {"a glance",
-       [](const GuardBoard& b) {
-         b.write(SENSOR, "90000\n");
-         b.write("/timeline", "3 write " + SENSOR + " 40000\n");
-       },
-       0, 100, ""},
-      {"dry run",
-       sensor("90000\n"),
+      {"all well", 0, 100, "", {}},
+      {"critical", 0, 100, "", {{SENSOR, "65999\n"}}},
+      {"above critical", 1, 240, "the sensor has 66 C", {{SENSOR, "66000\n"}}},
+      {"a glance", 0, 100, "", {hot, {line, "3 write " + SENSOR + " 40000\n"}}},
+      {"dry run", 1, 100, "Would write 240 to " + pwm, {hot}, {"--dry-run"}},
+      {"hot and highest", 0, 240, "", {hot, {pwm, "240\n"}}},
+      {"hot disk beside the sensor",
        1,
-       100,
-       "Would write 240 to " + FAN + "/pwm1",
-       {"guard", "--dry-run"}},
-      {"hot and highest",
-       [](const GuardBoard& b) {
-         b.write(SENSOR, "90000\n");
-         b.write(FAN + "/pwm1", "240\n");
-       },
-       0, 240, ""},
-      {"a hot disk beside the sensor",
-       [](const GuardBoard& b) { b.disks("temperature=66\n", "power=standby\n"); }, 1, 240,
-       "/dev/sda has 66 C"},
-      {"the disk is not asked",
-       [](const GuardBoard& b) { b.disks("temperature=66\n"); },
+       240,
+       "/dev/sda has 66 C",
+       {{"/dev/sda", "temperature=66\n"}, {"/dev/sdb", "power=standby\n"}}},
+      {"the disk is not asked", 0, 100, "", {{"/dev/sda", "temperature=66\n"}}, {"--no-disks"}},
+      {"dead sensor, no disks", 1, 240, blind, {{SENSOR, "-"}}},
+      {"sensor without a number", 1, 240, blind, {{SENSOR, "broken\n"}}},
+      {"dead sensor, disks not asked", 1, 240, blind, {{SENSOR, "-"}}, {"--no-disks"}},
+      {"dead sensor, disk", 0, 100, "", {{SENSOR, "-"}, {"/dev/sda", "temperature=40\n"}}},
+      {"all asleep",
        0,
        100,
        "",
-       {"guard", "--no-disks"}},
-      {"dead sensor, no disks", [](const GuardBoard& b) { b.remove(SENSOR); }, 1, 240,
-       "no temperature can be read"},
-      {"sensor without a number", sensor("broken\n"), 1, 240, "no temperature can be read"},
-      {"dead sensor, not asking disks",
-       [](const GuardBoard& b) { b.remove(SENSOR); },
+       {noSensor, {"/dev/sda", "power=standby\n"}, {"/dev/sdb", "fails=reject\n"}}},
+      {"one asleep",
+       0,
+       100,
+       "",
+       {noSensor, {"/dev/sda", "power=standby\n"}, {"/dev/sdb", "model=FLASH\n"}}},
+      {"awake without a temperature", 1, 240, blind, {noSensor, {"/dev/sda", "model=FLASH\n"}}},
+      {"no list of disks", 1, 240, blind, {noSensor, {"/proc/partitions", "-"}}},
+      {"awake and silent", 1, 240, blind, {noSensor, {"/dev/sda", "fails=reject\n"}}},
+      {"empty table", 1, 255, "has no step", {{table, "# nothing\n"}}},
+      {"no table", 1, 255, "fan_cmd_tab.conf cannot be read", {{table, "-"}}},
+      {"table being written", 0, 100, "", {{table, ""}, {line, "2 write " + table + " 30=100\n"}}},
+      {"no command above 0", 1, 255, "has no command above 0", {{table, "30=0\n60=\n"}}},
+      {"the greatest is not the last",
        1,
        240,
-       "no temperature can be read",
-       {"guard", "--no-disks"}},
-      {"dead sensor, disk",
-       [](const GuardBoard& b) {
-         b.remove(SENSOR);
-         b.disks("temperature=40\n");
-       },
-       0, 100, ""},
-      {"no sensor, all asleep",
-       [](const GuardBoard& b) {
-         b.without_sensor();
-         b.disks("power=standby\n", "fails=reject\n");
-       },
-       0, 100, ""},
-      {"no sensor, one asleep, one awake without a temperature",
-       [](const GuardBoard& b) {
-         b.without_sensor();
-         b.disks("power=standby\n", "model=FLASH\n");
-       },
-       0, 100, ""},
-      {"no sensor, awake without a temperature",
-       [](const GuardBoard& b) {
-         b.without_sensor();
-         b.disks("model=FLASH\n");
-       },
-       1, 240, "no temperature can be read"},
-      {"no list of disks",
-       [](const GuardBoard& b) {
-         b.without_sensor();
-         b.remove("/proc/partitions");
-       },
-       1, 240, "no temperature can be read"},
-      {"no sensor, awake and silent",
-       [](const GuardBoard& b) {
-         b.without_sensor();
-         b.disks("fails=reject\n");
-       },
-       1, 240, "no temperature can be read"},
-      {"empty table",
-       [](const GuardBoard& b) { b.write(CONFIG + "/fan_cmd_tab.conf", "# nothing\n"); }, 1, 255,
-       "has no step"},
-      {"no table", [](const GuardBoard& b) { b.remove(CONFIG + "/fan_cmd_tab.conf"); }, 1, 255,
-       "fan_cmd_tab.conf cannot be read"},
-      {"table being written",
-       [](const GuardBoard& b) {
-         b.write(CONFIG + "/fan_cmd_tab.conf", "");
-         b.write("/timeline", "2 write " + CONFIG + "/fan_cmd_tab.conf 30=100\n");
-       },
-       0, 100, ""},
-      {"no command above 0",
-       [](const GuardBoard& b) { b.write(CONFIG + "/fan_cmd_tab.conf", "30=0\n60=\n"); }, 1, 255,
-       "has no command above 0"},
-      {"the greatest command is not the last",
-       [](const GuardBoard& b) {
-         b.write(SENSOR, "90000\n");
-         b.write(CONFIG + "/fan_cmd_tab.conf", "30=240\n60=100\n");
-       },
-       1, 240, "the sensor has 90 C"},
-      {"taken, but not quite shown",
-       [](const GuardBoard& b) {
-         b.write(SENSOR, "90000\n");
-         b.write("/timeline", "6 write " + FAN + "/pwm1 200\n");
-       },
-       1, 200, "was given the highest command, 240"},
+       "the sensor has 90 C",
+       {hot, {table, "30=240\n60=100\n"}}},
+      {"not quite shown",
+       1,
+       200,
+       "was given the highest command, 240",
+       {hot, {line, "6 write " + pwm + " 200\n"}}},
       {"not taken",
-       [](const GuardBoard& b) {
-         b.write(SENSOR, "90000\n");
-         b.write("/timeline", "6 write " + FAN + "/pwm1 100\n");
-       },
-       2, 100, "could not be given the highest command, 240: " + FAN + "/pwm1 still reads 100"},
+       2,
+       100,
+       failed + pwm + " still reads 100",
+       {hot, {line, "6 write " + pwm + " 100\n"}}},
       {"nothing is lowered",
-       [](const GuardBoard& b) {
-         b.write(FAN + "/pwm1", "250\n");
-         b.remove(SENSOR);
-       },
-       1, 250, "the fan has the highest command already"},
+       1,
+       250,
+       "the fan has the highest command already",
+       {{pwm, "250\n"}, {SENSOR, "-"}}},
       {"one attribute cannot be read",
-       [](const GuardBoard& b) {
-         b.write(SENSOR, "90000\n");
-         b.allow(FAN + "/fan1_div", 0);
-       },
-       1, 240, "the sensor has 90 C"},
-      {"refused",
-       [](const GuardBoard& b) {
-         b.write(SENSOR, "90000\n");
-         b.allow(FAN + "/pwm1", 0400);
-       },
-       2, 100, "could not be given the highest command, 240: " + FAN + "/pwm1: Permission denied"},
-      {"no driver",
-       [](const GuardBoard& b) {
-         b.write(SENSOR, "90000\n");
-         fs::remove_all(b.at(FAN));
-       },
-       2, 0, "there is no fan driver to give it to"},
-      {"no settings", [](const GuardBoard& b) { b.remove(CONFIG + "/fan_controller.conf"); }, 0,
-       100, "nothing to guard"},
+       1,
+       240,
+       "the sensor has 90 C",
+       {hot, {FAN + "/fan1_div", "mode 0"}}},
+      {"refused", 2, 100, failed + pwm + ": Permission denied", {hot, {pwm, "mode 0400"}}},
+      {"no driver", 2, 0, "there is no fan driver to give it to", {hot, {FAN, "-"}}},
+      {"no settings", 0, 100, "nothing to guard", {{settings, "-"}}},
   };
   for (const auto& each : cases) {
     CAPTURE(each.name);
     const GuardBoard board;
     const Waiting service(board);
-    each.prepare(board);
-    const Fanctl run(board, each.arguments);
+    for (const Change& change : each.changes) board.apply(change);
+    const Fanctl run(board, Lines{"guard"} + each.options);
     CHECK(run.status == each.status);
     CHECK(board.command() == each.command);
     CHECK_MESSAGE(contains(run.output + run.errors, each.says), (run.output + run.errors));
-    const bool told = each.status != 0 && each.arguments.size() == 1;
-    CHECK((board.record()["stands"] == "yes") ==
-          (told || each.says == "no temperature can be read"));
+    CHECK((board.record()["stands"] == "yes") == (each.status != 0 && each.name != "dry run"));
     CHECK(board.entries({"woken"}).empty());
   }
 }
@@ -367,7 +309,7 @@ TEST_CASE("somebody is told once, and again when it is another story") {
 TEST_CASE("disks beside a sensor that is well are asked every fifth minute") {
   const GuardBoard board;
   const Waiting service(board);
-  board.disks("temperature=40\n");
+  board.apply({"/dev/sda", "temperature=40\n"});
   const auto asked = [&](long long clock) {
     ::setenv("APPLIANCE_EPOCH", std::to_string(clock).c_str(), 1);
     board.remove("/journal");
@@ -464,7 +406,8 @@ TEST_CASE("a week of silences that are in order") {
       {"spindown, all disks asleep",
        [](const GuardBoard& b) {
          b.without_sensor();
-         b.disks("power=standby\n", "power=standby\n");
+         b.apply({"/dev/sda", "power=standby\n"});
+         b.apply({"/dev/sdb", "power=standby\n"});
        },
        100},
       {"waiting for its settings",
