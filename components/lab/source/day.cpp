@@ -189,13 +189,15 @@ class Gaps {
 
   void take(const Sample& sample, std::size_t number) {
     m_last.resize(sample.cells.size(), sample.second);
+    m_held.resize(sample.cells.size(), "the first one counts");
     for (std::size_t i = 0; i < sample.cells.size(); ++i) {
       if (sample.cells[i].empty()) continue;
       const long long gap = sample.second - std::exchange(m_last[i], sample.second);
+      const char* const held = std::exchange(m_held[i], "the last one is held");
       if (gap <= kGap) continue;
       m_scenario.warnings.push_back(text_of(
-          "%s:%zu: no temperature in column %zu for %s before this line; the last one is held",
-          m_file.c_str(), number, i + 2, length_of(static_cast<double>(gap)).c_str()));
+          "%s:%zu: no temperature in column %zu for %s before this line; %s", m_file.c_str(),
+          number, i + 2, length_of(static_cast<double>(gap)).c_str(), held));
     }
   }
 
@@ -203,6 +205,7 @@ class Gaps {
   std::string m_file;
   Scenario& m_scenario;
   std::vector<long long> m_last;
+  std::vector<const char*> m_held;
 };
 
 std::vector<Sample> read_samples(const std::string& file, Scenario& scenario) {
@@ -232,6 +235,20 @@ std::vector<Sample> read_samples(const std::string& file, Scenario& scenario) {
   return samples;
 }
 
+// The first temperature of each column: what is not known before it, is like it.
+std::vector<std::string> first_cells(const std::vector<Sample>& samples, const std::string& file) {
+  std::vector<std::string> cells = samples.front().cells;
+  for (std::size_t i = 0; i < cells.size(); ++i) {
+    const auto first =
+        std::ranges::find_if(samples, [&](const auto& sample) { return !sample.cells[i].empty(); });
+    if (first == samples.end()) {
+      throw LabError(text_of("%s: there is no temperature in column %zu", file.c_str(), i + 2));
+    }
+    cells[i] = first->cells[i];
+  }
+  return cells;
+}
+
 // How much of a recording is used.
 long long seconds_of(const std::vector<Sample>& samples, const std::string& file, int hours,
                      Scenario& scenario) {
@@ -257,21 +274,30 @@ void read_recording(const std::string& file, int hours, Scenario& scenario) {
   scenario.disks.resize(columns);
   scenario.seconds = seconds_of(samples, file, hours, scenario);
 
+  auto cells = first_cells(samples, file);
   for (std::size_t i = 0; i < disks; ++i) {
-    const auto celsius = number_in(samples.front().cells[place[i]]);
-    if (celsius) scenario.start[i] = *celsius;
+    scenario.start[i] = number_in(cells[place[i]]).value_or(scenario.start[i]);
   }
-  std::string last;
-  long long lastSecond = -kFinest;
+  std::string last, action;
+  long long due = 0;  // the next second at which a value may count
+  const auto emit = [&](long long second) {
+    if (action == last) return;
+    scenario.events.emplace_back(second, last = action);
+    due = second + kFinest;
+  };
   for (const Sample& sample : samples) {
     const long long second = sample.second - samples.front().second;
-    std::string action = "celsius ";
-    for (const std::size_t column : place) action += sample.cells[column] + ",";
+    // What came too early counts later, if nothing newer has come until then.
+    if (second > due && !action.empty()) emit(due);
+    for (std::size_t i = 0; i < columns; ++i) {
+      if (!sample.cells[i].empty()) cells[i] = sample.cells[i];
+    }
+    action = "celsius ";
+    for (const std::size_t column : place) action += cells[column] + ",";
     action.pop_back();
-    if (action == last || second < lastSecond + kFinest) continue;
-    lastSecond = second;
-    scenario.events.emplace_back(second, last = std::move(action));
+    if (second >= due) emit(second);
   }
+  emit(due);
 }
 
 }  // namespace

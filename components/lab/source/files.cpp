@@ -64,15 +64,17 @@ std::string happenings_csv(const Report& report) {
 
 Workshop::Workshop(const std::string& out) : m_out(fs::absolute(out).lexically_normal().string()) {
   while (m_out.size() > 1 && m_out.back() == '/') m_out.pop_back();
-  m_folder = m_out + ".new";
   std::error_code error;
+  // Inside where there is an inside: what lies beside may be another file system, or not writable.
+  m_folder = m_out + (fs::is_directory(m_out, error) ? "/.new" : ".new");
   if (fs::exists(m_out, error) && !fs::is_directory(m_out, error)) {
     throw LabError(out + ": this is no folder");
   }
   fs::create_directories(fs::path(m_out).parent_path(), error);
   if (!fs::create_directory(m_folder, error)) {
-    throw LabError(m_folder + (error ? ": this folder cannot be made: " + error.message()
-                                     : ": this folder is in the way; is another lab at work?"));
+    throw LabError(m_folder +
+                   (error ? ": this folder cannot be made: " + error.message()
+                          : ": this folder is in the way. Remove it when no other lab is at work"));
   }
 }
 
@@ -87,8 +89,13 @@ void Workshop::deliver(const Files& files) const {
   fs::create_directories(m_out, error);
   for (const char* name : kNames) {
     const std::string place = m_out + "/" + name;
+    if (fs::is_directory(place, error)) throw LabError(place + ": this folder is in the way");
+  }
+  for (const char* name : kNames) {
+    const std::string place = m_out + "/" + name;
     if (files.contains(name)) {
-      fs::rename(m_folder + "/" + name, place);
+      fs::rename(m_folder + "/" + name, place, error);
+      if (error) throw LabError(place + ": could not be written: " + error.message());
     } else {
       fs::remove(place, error);
     }

@@ -9,6 +9,7 @@
 #include <filesystem>
 
 #include "plot-script.h"
+#include "stop.h"
 #include "text.h"
 
 namespace fs = std::filesystem;
@@ -52,6 +53,7 @@ void run_gnuplot(const std::string& folder) {
   if (failed != 0) throw LabError("gnuplot is missing: install Debian's gnuplot-nox");
   int status = 0;
   while (::waitpid(child, &status, 0) < 0 && errno == EINTR) continue;
+  throw_when_stopped();  // a terminal's Ctrl-C ends gnuplot too
   if (WIFEXITED(status) && WEXITSTATUS(status) == 0) return;
   throw LabError("gnuplot has failed: " + read_file(folder + "/errors"));
 }
