@@ -238,7 +238,7 @@ TEST_CASE("events of the timeline, and the files that follow") {
                  {"600 load sdb standby", 9, 35, 37},
                  {"600 outside 15", 1, 15, 15},
                  {"600 celsius 50,", 3, 50, 50},
-                 {"600 celsius 50,41.5", 9, 41.5, 41.5},
+                 {"600 celsius 50,41.5\n700 celsius 51,", 9, 41.5, 41.5},
                  {"0 write /sys/fan/pwm1 255\n9 dust 0.5", 6, 0.005, 0.005}};
   for (const auto& event : kEvents) {
     CAPTURE(event.events);
