@@ -1,18 +1,13 @@
 // The lab as a whole: the program that people start, and the report that it leaves.
-#include <doctest.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <set>
-#include <sstream>
-#include <string>
-#include <vector>
+
+#include "fixtures.h"
+#include "text.h"
 
 namespace fs = std::filesystem;
 
@@ -37,30 +32,23 @@ struct Result {
 };
 
 // A folder with everything that the lab is given.
-class Desk {
- public:
-  Desk() : m_folder(fs::temp_directory_path() / "lab test-XXXXXX") {
-    REQUIRE(mkdtemp(m_folder.data()) != nullptr);
+struct Desk {
+  Desk() {
+    REQUIRE(mkdtemp(folder.data()) != nullptr);
     put("box", kBox);
     put("day", kDay);
     put("table/fan_controller.conf", kSettings);
     put("table/fan_cmd_tab.conf", kTable);
   }
-  ~Desk() { fs::remove_all(m_folder); }
-  Desk(const Desk&) = delete;
-  Desk& operator=(const Desk&) = delete;
-
-  std::string at(const std::string& name) const { return m_folder + "/" + name; }
+  ~Desk() { fs::remove_all(folder); }
+  std::string at(const std::string& name) const { return folder + "/" + name; }
   void put(const std::string& name, const std::string& text) const {
     fs::create_directories(fs::path(at(name)).parent_path());
-    std::ofstream(at(name), std::ios::binary) << text;
+    write_file(at(name), text);
   }
-  std::string get(const std::string& name) const {
-    std::ifstream file(at(name), std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
+  std::string get(const std::string& name) const { return read_file(at(name)); }
   Result shell(const std::string& command) const {
-    const std::string line = "cd '" + m_folder + "' && " + command + " >output 2>errors";
+    const std::string line = "cd '" + folder + "' && " + command + " >output 2>errors";
     const int status = std::system(line.c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, get("output"), get("errors")};
   }
@@ -68,45 +56,26 @@ class Desk {
     return shell("'" LAB_BINARY "' --config table --enclosure box --out out " + options);
   }
   // The report's files.
-  std::map<std::string, std::string> report(const std::string& folder = "out") const {
+  std::map<std::string, std::string> report() const {
     std::map<std::string, std::string> files;
-    for (const auto& entry : fs::directory_iterator(at(folder))) {
-      const std::string name = entry.path().filename().string();
-      files[name] = get(folder + "/" + name);
+    for (const auto& entry : fs::directory_iterator(at("out"))) {
+      files[entry.path().filename()] = read_file(entry.path());
     }
     return files;
   }
-  // Columns of a file of comma-separated values by their heads.
-  std::map<std::string, std::vector<std::string>> columns(const std::string& name) const {
-    std::istringstream file(get("out/" + name));
-    std::map<std::string, std::vector<std::string>> table;
-    std::vector<std::string> heads;
-    for (std::string line; std::getline(file, line);) {
-      std::istringstream cells(line);
-      std::size_t column = 0;
-      for (std::string cell; std::getline(cells, cell, ','); ++column) {
-        if (table.empty() || heads.size() == column) {
-          heads.push_back(cell);
-          table[cell];
-        } else {
-          table[heads[column]].push_back(cell);
-        }
-      }
+  // Columns of one of its files by their heads.
+  std::map<std::string, Lines> columns(const std::string& name) const {
+    std::map<std::string, Lines> table;
+    const Lines lines = lines_of(get("out/" + name)), heads = split(lines.at(0), ',');
+    for (std::size_t i = 1; i < lines.size(); ++i) {
+      const Lines cells = split(lines[i], ',');
+      for (std::size_t j = 0; j < heads.size(); ++j) table[heads[j]].push_back(cells.at(j));
     }
     return table;
   }
 
- private:
-  std::string m_folder;
+  std::string folder = fs::temp_directory_path() / "lab test-XXXXXX";
 };
-
-bool has(const std::string& text, const std::string& piece) {
-  return text.find(piece) != std::string::npos;
-}
-
-std::string with(std::string text, const std::string& from, const std::string& to) {
-  return text.replace(text.find(from), from.size(), to);
-}
 
 // What the manual page of the table says.
 int command_for(int temperature, int previous, bool hysteresis) {
@@ -120,29 +89,23 @@ int command_for(int temperature, int previous, bool hysteresis) {
 
 }  // namespace
 
-TEST_CASE(
-    "in the closed loop every command is the table's, by both rules and both ways to measure") {
+TEST_CASE("in the closed loop every command is the table's, by both rules, with a sensor or not") {
   for (const bool hasSensor : {true, false}) {
     CAPTURE(hasSensor);
     const Desk desk;
     if (!hasSensor) {
       desk.put("table/fan_controller.conf", "fan_driver_sysfs_dir=/run/x/fan\nperiod_in_sec=60\n");
     }
-    const Result result = desk.lab("--day day --hours 2");
-    CHECK(result.status == 0);
+    CHECK(desk.lab("--day day --hours 2").status == 0);
     for (const bool hysteresis : {false, true}) {
       CAPTURE(hysteresis);
       auto run = desk.columns(hysteresis ? "table-hysteresis.csv" : "table-nearest.csv");
-      const auto& measured = run["measured (C)"];
-      const auto& command = run["command"];
+      const auto &measured = run["measured (C)"], &command = run["command"];
       REQUIRE(measured.size() == 121);
-      int wrong = 0;
       for (std::size_t i = 2; i < measured.size(); ++i) {
-        const int expected =
-            command_for(std::stoi(measured[i - 1]), std::stoi(measured[i - 2]), hysteresis);
-        wrong += std::stoi(command[i]) != expected;
+        const int now = std::stoi(measured[i - 1]), before = std::stoi(measured[i - 2]);
+        REQUIRE(std::stoi(command[i]) == command_for(now, before, hysteresis));
       }
-      CHECK(wrong == 0);
       // It has to get warm enough for several steps, and to be cooled by them.
       CHECK(std::set<std::string>(command.begin(), command.end()).size() >= 3);
       CHECK(std::stod(run["speed (rpm)"].back()) ==
@@ -159,35 +122,30 @@ TEST_CASE(
   }
 }
 
-TEST_CASE("a fan that is driven by its speed, blocked for a while, beside a rival") {
+TEST_CASE("a fan that is driven by its speed, blocked until it gets too hot, beside a rival") {
   const Desk desk;
-  desk.put("box", with(kBox, "fan_command=255", "fan_command=2400"));
+  desk.put("box", std::string(kBox).replace(kBox.find("=255"), 4, "=2400"));
   desk.put("day", kDay + "5400 fan blocked\n6000 fan free\n");
+  desk.put("table/fan_controller.conf", kSettings + "hdd_critical_temperature=34\n");
   desk.put("rival/fan_controller.conf", kSettings + "use_hysteresis=yes\n");
   desk.put("rival/fan_cmd_tab.conf", "30=900\n36=1500\n40=2400\n");
   const Result result = desk.lab("--against rival --day day --hours 2");
-  CHECK(has(result.errors, "table: its highest command is 255, but the fan of box"));
-  CHECK(has(result.output, "The rival (rival, nearest step): "));
+  CHECK(result.status == 1);
+  CHECK(result.output.starts_with("TOO HOT: table, nearest step: a disk is above 34 C"));
+  CHECK(contains(desk.get("out/report.html"), "<p class=\"alarm\">TOO HOT: "));
+  CHECK(contains(result.errors, "table: its highest command is 255, but the fan of box"));
+  CHECK(contains(result.output, "The rival (rival, nearest step): "));
   auto notes = desk.columns("happenings.csv");
   for (const std::string run : {"rival-nearest", "rival-hysteresis"}) {
     std::string seen;
     for (std::size_t i = 0; i < notes["run"].size(); ++i) {
       if (notes["run"][i] == run) seen += notes["time (s)"][i] + " " + notes["what"][i] + "\n";
     }
-    CHECK(has(seen, "5460 restart of the fan tried\n5470 fan failed\n"));
+    CHECK(contains(seen, "5460 restart of the fan tried\n5470 fan failed\n"));
   }
   auto rival = desk.columns("rival-hysteresis.csv");
   CHECK(rival["speed (rpm)"][95] == "0.0");  // blocked at that minute
   CHECK(std::stod(rival["speed (rpm)"].back()) >= 890);
-}
-
-TEST_CASE("a table that lets a disk overheat") {
-  const Desk desk;
-  desk.put("table/fan_controller.conf", kSettings + "hdd_critical_temperature=34\n");
-  const Result result = desk.lab("--day day --hours 2");
-  CHECK(result.status == 1);
-  CHECK(result.output.starts_with("TOO HOT: table, nearest step: a disk is above 34 C"));
-  CHECK(has(desk.get("out/report.html"), "<p class=\"alarm\">TOO HOT: "));
 }
 
 TEST_CASE("recorded temperatures are measured at their seconds; gaps are named and bridged") {
@@ -197,7 +155,7 @@ TEST_CASE("recorded temperatures are measured at their seconds; gaps are named a
   desk.put("table/fan_controller.conf", "fan_driver_sysfs_dir=/sys/fan\nperiod_in_sec=60\n");
   const Result result = desk.lab("--replay r.csv");
   CHECK(result.status == 0);
-  CHECK(has(result.errors, "r.csv:5: no temperature in column 3 for 50 min"));
+  CHECK(contains(result.errors, "r.csv:5: no temperature in column 3 for 50 min"));
   auto run = desk.columns("table-nearest.csv");
   const auto& measured = run["measured (C)"];
   REQUIRE(measured.size() == 72);  // 4260 s
@@ -209,16 +167,10 @@ TEST_CASE("recorded temperatures are measured at their seconds; gaps are named a
 }
 
 TEST_CASE("bad input is named with its place, and the report stays as it was") {
-  struct Case {
-    std::string file, text, options, message;
-  };
   const std::string settings = "table/fan_controller.conf", table = "table/fan_cmd_tab.conf";
-  const Case cases[] = {
+  const std::string cases[][4] = {
       {"box", "step=1\nair_capacity=-5\n", "", "box:2: air_capacity: '-5' is not possible"},
       {"box", "step=1\n", "", "box: air_capacity is missing"},
-      {"box", with(kBox, "stall_speed=300", "stall_speed=600"), "",
-       "box: fan_stall_speed is above"},
-      {"box", kBox + "wheels=4\n", "", "box:24: wheels: there is no such value"},
       {"day", "# a\n600 load sdz seek\n", "--day day", "day:2: write load DISK idle, seek or"},
       {"day", "600 dust 2\n", "--day day", "day:1: write dust FACTOR"},
       {"day", "600 write /x 1\n", "--day day", "day:1: 'write' is none of load, outside, fan"},
@@ -240,15 +192,15 @@ TEST_CASE("bad input is named with its place, and the report stays as it was") {
       {table, "# nothing\n", "", table + ": the service finds no step in it"},
       {"other", "", "--day none", "none: there is no such file to read"},
   };
-  for (const Case& each : cases) {
-    CAPTURE(each.message);
+  for (const auto& [file, text, options, message] : cases) {
+    CAPTURE(message);
     const Desk desk;
     desk.put("out/report.html", "old");
-    desk.put(each.file, each.text);
-    const Result result = desk.lab(each.options + " --hours 1");
+    desk.put(file, text);
+    const Result result = desk.lab(options + " --hours 1");
     CHECK(result.status == 2);
-    CHECK(has(result.errors, "lab: "));
-    CHECK(has(result.errors, each.message));
+    CHECK(contains(result.errors, "lab: "));
+    CHECK(contains(result.errors, message));
     CHECK(desk.report() == std::map<std::string, std::string>{{"report.html", "old"}});
     CHECK_FALSE(fs::exists(desk.at("out.new")));
   }
@@ -258,37 +210,34 @@ TEST_CASE("bad input is named with its place, and the report stays as it was") {
   }
 }
 
-TEST_CASE("the same input gives the same bytes, wherever it lies") {
+TEST_CASE("the same input gives the same bytes, wherever it lies, and a page that stands alone") {
   const Desk first, second;
   CHECK(first.lab("--day day --hours 1").status == 0);
   CHECK(second.lab("--day day --hours 1").status == 0);
   CHECK(first.report() == second.report());
   CHECK(first.report().size() == 7);
   CHECK(first.get("output") == second.get("output"));
-  for (const auto& [name, content] : first.report()) CHECK_FALSE(has(content, first.at("")));
+  for (const auto& [name, content] : first.report()) CHECK_FALSE(contains(content, first.at("")));
   // What an earlier run has left and this one does not make is no part of the report.
   first.put("out/rival-nearest.csv", "old");
   first.put("out/notes", "mine");
   CHECK(first.lab("--day day --hours 1").status == 0);
   CHECK(first.report().contains("notes"));
   CHECK_FALSE(first.report().contains("rival-nearest.csv"));
-}
 
-TEST_CASE("the page needs nothing but itself") {
-  const Desk desk;
-  REQUIRE(desk.lab("--day day --hours 1").status == 0);
-  const std::string page = desk.get("out/report.html");
+  // The page needs nothing but itself.
+  const std::string page = first.get("out/report.html");
   for (const char* outside : {"http:", "https:", " src=", "url(", "@import", "<script", "<link"}) {
     CAPTURE(outside);
-    CHECK_FALSE(has(page, outside));
+    CHECK_FALSE(contains(page, outside));
   }
-  CHECK(has(page, "default-src 'none'"));
-  if (desk.shell("command -v chromium").status != 0) return;
+  CHECK(contains(page, "default-src 'none'"));
+  if (first.shell("command -v chromium").status != 0) return;
   // The policy in the page makes an error in the console of everything that it asks for.
-  const Result browser = desk.shell(
+  const Result browser = first.shell(
       "timeout 60 chromium --headless --no-sandbox --disable-gpu --user-data-dir=profile "
       "--enable-logging=stderr --dump-dom \"file://$PWD/out/report.html\"");
   CHECK(browser.status == 0);
-  CHECK(has(browser.output, "The figures that decide"));
-  CHECK_FALSE(has(browser.errors, "CONSOLE"));
+  CHECK(contains(browser.output, "The figures that decide"));
+  CHECK_FALSE(contains(browser.errors, "CONSOLE"));
 }
