@@ -23,7 +23,6 @@ const char* const kLeftOutOfModel =
 
 namespace {
 
-constexpr double kLoudnessFactor = 50;  // dB a tenfold speed
 constexpr double kDecibel = 10;
 constexpr double kPercent = 100;
 
@@ -88,19 +87,17 @@ Totals totals_of(const Run& run, const Scenario& scenario) {
   const int critical = run.configuration->critical;
   for (const Minute& minute : run.minutes) {
     for (std::size_t i = 0; i < scenario.disks.size(); ++i) {
-      totals.warmest[i] = std::max(totals.warmest[i], minute.disks[i]);
+      const double warmest = minute.second == 0 ? minute.disks[i] : minute.warmest[i];
+      totals.warmest[i] = std::max(totals.warmest[i], warmest);
     }
-    if (minute.second == 0) totals.measured = minute.measured;
-    totals.measured = std::max(totals.measured, minute.measured);
     if (minute.second == 0) continue;  // it ends the last minute of the warm-up
-    if (minute.measured > alert) ++totals.aboveAlert;
-    if (minute.measured > critical) ++totals.aboveCritical;
-    if (minute.hottest() > critical) ++totals.overheated;
-    speeds += minute.speed / full;
-    energy += minute.fanPower;
-    if (minute.speed > 0) {
-      sound += std::pow(10, kLoudnessFactor * std::log10(minute.speed / full) / kDecibel);
-    }
+    totals.measured = std::max(totals.measured, minute.measuredMost);
+    if (minute.measuredMost > alert) ++totals.aboveAlert;
+    if (minute.measuredMost > critical) ++totals.aboveCritical;
+    if (*std::ranges::max_element(minute.warmest) > critical) ++totals.overheated;
+    speeds += minute.meanSpeed / full;
+    energy += minute.meanFanPower;
+    sound += minute.sound;
   }
   const auto warmest = std::ranges::max_element(totals.warmest);
   totals.hottest = *warmest;
@@ -133,12 +130,14 @@ std::vector<Figure> figures_of(const Report& report) {
   add("alert level", "C", [](const Run& run, const Totals&) {
     return std::to_string(run.configuration->alertLevel());
   });
-  add("above the alert level", "min",
+  add("measured above that", "min",
       [](const Run&, const Totals& totals) { return std::to_string(totals.aboveAlert); });
   add("critical", "C",
       [](const Run& run, const Totals&) { return std::to_string(run.configuration->critical); });
-  add("above critical", "min",
+  add("measured above that", "min",
       [](const Run&, const Totals& totals) { return std::to_string(totals.aboveCritical); });
+  add("a disk above critical", "min",
+      [](const Run&, const Totals& totals) { return std::to_string(totals.overheated); });
   add("changes of command", "a day",
       [](const Run&, const Totals& totals) { return count(totals.changesADay); });
   add_times_at_commands(report, figures);

@@ -18,7 +18,7 @@ struct Totals {
   std::vector<double> warmest;  // degrees Celsius, of each disk
   double hottest = 0;           // of them
   std::size_t hottestDisk = 0;
-  int measured = 0;          // the highest temperature that the service measures
+  int measured = -1000;      // the highest temperature that the service measures
   long long aboveAlert = 0;  // minutes, as the service measures
   long long aboveCritical = 0;
   long long overheated = 0;  // minutes that a disk is really above the critical temperature

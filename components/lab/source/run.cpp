@@ -127,10 +127,12 @@ void wait_for_end(Program& program, const std::string& record, long long whole,
 
 // --- What it left ---
 
-int measured(const Minute& minute, const Configuration& configuration, const Scenario& scenario) {
-  if (configuration.sensor.empty()) return static_cast<int>(std::max(minute.hottest(), 1.0));
+// What the service measures of a sensor or of the hottest disk.
+int measured(double sensor, double hottest, const Configuration& configuration,
+             const Scenario& scenario) {
+  if (configuration.sensor.empty()) return static_cast<int>(std::max(hottest, 1.0));
   const double step = scenario.parameters.sensorStep;
-  return static_cast<int>(std::floor(minute.sensor * kThousand / step) * step / kThousand);
+  return static_cast<int>(std::floor(sensor * kThousand / step) * step / kThousand);
 }
 
 void take_minutes(const std::string& record, const Scenario& scenario, Run& run) {
@@ -138,7 +140,9 @@ void take_minutes(const std::string& record, const Scenario& scenario, Run& run)
     std::vector<double> values;
     for (const std::string& cell : split(line, ',')) values.push_back(std::atof(cell.c_str()));
     const auto second = static_cast<long long>(values[0]) - kWarmUp;
-    if (second < 0 || values.size() < kDiskColumn + scenario.parameters.disks.size()) continue;
+    const std::size_t disks = scenario.parameters.disks.size();
+    const std::size_t means = kDiskColumn + disks, warmest = means + 4;
+    if (second < 0 || values.size() < warmest + disks) continue;
     Minute minute;
     minute.second = second;
     double* const places[] = {&minute.outside, &minute.air,  &minute.sensor,  &minute.command,
@@ -146,8 +150,14 @@ void take_minutes(const std::string& record, const Scenario& scenario, Run& run)
     for (std::size_t i = 0; i < std::size(places); ++i) *places[i] = values[i + 1];
     for (const std::size_t disk : scenario.disks) {
       minute.disks.push_back(values[kDiskColumn + disk]);
+      minute.warmest.push_back(values[warmest + disk]);
     }
-    minute.measured = measured(minute, *run.configuration, scenario);
+    double* const over[] = {&minute.meanSpeed, &minute.meanFanPower, &minute.sound,
+                            &minute.warmestSensor};
+    for (std::size_t i = 0; i < std::size(over); ++i) *over[i] = values[means + i];
+    minute.measured = measured(minute.sensor, minute.hottest(), *run.configuration, scenario);
+    minute.measuredMost = measured(minute.warmestSensor, *std::ranges::max_element(minute.warmest),
+                                   *run.configuration, scenario);
     run.minutes.push_back(std::move(minute));
   }
 }

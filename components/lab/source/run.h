@@ -18,7 +18,14 @@ struct Minute {
   double flow = 0;      // m3/s
   double fanPower = 0;  // W
   std::vector<double> disks;
-  int measured = 0;  // whole degrees, as the service would measure now
+  // Of the minute that ends here.
+  double meanSpeed = 0;      // rpm
+  double meanFanPower = 0;   // W
+  double sound = 0;          // energy, against full speed
+  double warmestSensor = 0;  // degrees Celsius, as the following
+  std::vector<double> warmest;
+  int measured = 0;      // whole degrees, as the service would measure now
+  int measuredMost = 0;  // at any moment of the minute
 
   double hottest() const;
   double coolest() const;

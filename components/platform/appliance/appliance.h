@@ -29,7 +29,9 @@
 //                    What is wrong with it, the journal says.
 //   <root>/enclosure.csv  a line a minute, and one for the start: seconds, degrees Celsius outside,
 //                    of the air and of the sensor, command, revolutions a minute, m3/s, W of the
-//                    fan, degrees Celsius of each disk
+//                    fan, degrees Celsius of each disk; then of the time since the line
+//                    before: mean speed, mean W, mean of (speed / full speed)^5, and the warmest
+//                    moment of the sensor and of each disk
 //   <root>/select    a number: what the next select() returns at once, with no descriptor marked;
 //                    the file is gone then
 //   <root>/fork      a signal's name: what the child of the next fork() gets at once; the file is

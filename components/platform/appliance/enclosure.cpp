@@ -280,6 +280,31 @@ void Enclosure::heat(double seconds) {
   m_sensor = approach(m_sensor, place, seconds, m_parameters.sensorLag);
 }
 
+// The loudness of a fan grows with 50 times the logarithm of its speed.
+void Enclosure::watch(double seconds) {
+  constexpr double kSoundExponent = 5, kColdest = -1000;
+  if (m_interval.disks.empty()) {
+    m_interval.sensor = kColdest;
+    m_interval.disks.assign(m_disks.size(), kColdest);
+  }
+  m_interval.seconds += seconds;
+  m_interval.speed += m_speed * seconds;
+  m_interval.fanPower += fanPower() * seconds;
+  m_interval.sound += std::pow(m_speed / m_parameters.fullSpeed, kSoundExponent) * seconds;
+  m_interval.sensor = std::max(m_interval.sensor, m_sensor);
+  for (std::size_t i = 0; i < m_disks.size(); ++i) {
+    m_interval.disks[i] = std::max(m_interval.disks[i], m_disks[i]);
+  }
+}
+
+Interval Enclosure::takeInterval() {
+  if (!(m_interval.seconds > 0)) watch(1);  // at the start: as it is now
+  Interval taken = std::move(m_interval);
+  m_interval = {};
+  for (double* const sum : {&taken.speed, &taken.fanPower, &taken.sound}) *sum /= taken.seconds;
+  return taken;
+}
+
 void Enclosure::setTemperatures(const std::vector<double>& celsius) {
   m_isReplayed = true;
   for (std::size_t i = 0; i < m_disks.size() && !celsius.empty(); ++i) {
@@ -295,6 +320,7 @@ void Enclosure::advanceTo(double seconds, double command) {
     m_seconds += step;
     turnFan(step, command);
     if (!m_isReplayed) heat(step);
+    watch(step);
   }
 }
 

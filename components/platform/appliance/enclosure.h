@@ -59,6 +59,16 @@ bool isOutside(double celsius);
 // "LINE: what is wrong" or, for what is missing, what it is; empty when there is none.
 std::string readEnclosure(const std::string& text, EnclosureParameters& parameters);
 
+// What happened over a length of time: means by time, and the warmest moments.
+struct Interval {
+  double seconds = 0;
+  double speed = 0;     // rpm
+  double fanPower = 0;  // W
+  double sound = 0;     // energy of the sound against full speed: (speed / full speed)^5
+  double sensor = 0;    // degrees Celsius, the warmest
+  std::vector<double> disks;
+};
+
 enum class Load { kIdle, kSeek, kStandby };
 
 class Enclosure {
@@ -79,6 +89,7 @@ class Enclosure {
   double speed() const { return m_speed; }  // rpm
   double flow() const;                      // m3/s
   double fanPower() const;                  // W
+  Interval takeInterval();                  // since the last call
 
   void setLoad(std::size_t disk, Load load) { m_loads[disk] = load; }
   Load load(std::size_t disk) const { return m_loads[disk]; }
@@ -90,6 +101,7 @@ class Enclosure {
   void setTemperatures(const std::vector<double>& celsius);
 
  private:
+  void watch(double seconds);
   void turnFan(double seconds, double command);
   void heat(double seconds);
   double diskPower(std::size_t disk) const;
@@ -104,6 +116,7 @@ class Enclosure {
   double m_dust = 1;
   bool m_blocked = false;
   bool m_isReplayed = false;
+  Interval m_interval;  // sums, not means
 };
 
 }  // namespace appliance

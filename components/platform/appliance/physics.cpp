@@ -85,16 +85,20 @@ bool toNumbers(std::string_view text, std::vector<double>& numbers) {
 }
 
 // Sensor and disks so exactly that who rounds them down gets what was measured.
-void recordState(const Enclosure& box, double command) {
+void recordState(Enclosure& box, double command) {
   char text[kValueMax * 4];
   int length = std::snprintf(text, sizeof text, "%.0f,%.3f,%.3f,%.9f,%.0f,%.1f,%.5f,%.4f",
                              box.seconds(), box.outside(), box.air(), box.sensor(), command,
                              box.speed(), box.flow(), box.fanPower());
   std::string line(text, static_cast<std::size_t>(std::max(length, 0)));
-  for (const double disk : box.disks()) {
-    length = std::snprintf(text, sizeof text, ",%.9f", disk);
+  const auto add = [&](double value) {
+    length = std::snprintf(text, sizeof text, ",%.9f", value);
     line.append(text, static_cast<std::size_t>(std::max(length, 0)));
-  }
+  };
+  for (const double disk : box.disks()) add(disk);
+  const Interval since = box.takeInterval();
+  for (const double value : {since.speed, since.fanPower, since.sound, since.sensor}) add(value);
+  for (const double disk : since.disks) add(disk);
   writeFile(pathOf("/enclosure.csv"), O_CREAT | O_APPEND, line + '\n');
 }
 
