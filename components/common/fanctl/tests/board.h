@@ -1,7 +1,11 @@
 // The shipped fanctl on a simulated board.
 #pragma once
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -29,4 +33,27 @@ struct Fanctl {
         errors(board.read("/err")) {}
   int status;
   std::string output, errors;
+};
+
+/// While it lives, this process counts as the service.
+struct AsService {
+  explicit AsService(const Appliance& board) {
+    board.write(PID_FILE, std::to_string(::getpid()) + "\n");
+    ::prctl(PR_GET_NAME, m_name);
+    ::prctl(PR_SET_NAME, "fan_controller");
+  }
+  ~AsService() { ::prctl(PR_SET_NAME, m_name); }
+  AsService(const AsService&) = delete;
+  AsService& operator=(const AsService&) = delete;
+
+ private:
+  char m_name[16] = {};
+};
+
+/// A lock file of the board, held as another run holds it.
+struct HeldLock : Handle {
+  HeldLock(const Appliance& board, const std::string& path)
+      : Handle(::open(board.at(path).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
+    REQUIRE(::flock(number, LOCK_EX) == 0);
+  }
 };

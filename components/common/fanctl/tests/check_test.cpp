@@ -1,9 +1,8 @@
 // fanctl check: planted mistakes are found, right configurations stay silent.
-#include <sys/prctl.h>
-
 #include <fstream>
 #include <iterator>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <sstream>
 
 #include "alert-flags.h"
@@ -308,12 +307,9 @@ TEST_CASE("the summary, as JSON") {
   board.disk("sda", "temperature=38\n");
   board.disk("sdb", "temperature=50\npower=standby\n");
   board.disk("sdc", "temperature=41\npower=idle\nsense=fixed\n");
-  board.write(PID_FILE, std::to_string(::getpid()) + "\n");
-  char name[16] = {};
-  ::prctl(PR_GET_NAME, name);
-  ::prctl(PR_SET_NAME, "fan_controller");
+  std::optional<AsService> service(board);
   const Fanctl run(board, {"check", "--json"});
-  ::prctl(PR_SET_NAME, name);
+  service.reset();
   CHECK(run.status == 2);
   CHECK(board.journal({"woken"}).empty());
   const auto json = nlohmann::json::parse(run.output);

@@ -1,6 +1,4 @@
 // fanctl guard: what makes it act, what does not, and the alarm that it supplies.
-#include <fcntl.h>
-#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 
@@ -339,9 +337,7 @@ TEST_CASE("another run that hangs does not keep the fan from its command") {
   const GuardBoard board;
   board.write(SENSOR, "90000\n");
   fs::create_directories(board.at(RUN_FOLDER));
-  const Handle lock(::open(board.at("/run/fan_controller/.guard.lock").c_str(),
-                           O_CREAT | O_RDWR | O_CLOEXEC, 0600));
-  REQUIRE(::flock(lock.number, LOCK_EX) == 0);
+  const HeldLock lock(board, "/run/fan_controller/.guard.lock");
   CHECK(Fanctl(board, {"guard"}).status == 1);
   CHECK(board.command() == 240);
 }

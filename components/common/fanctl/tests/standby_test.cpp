@@ -1,6 +1,5 @@
 // The shipped fanctl and the shipped service on one simulated board, with one clock for both.
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,6 +10,7 @@
 #include "board.h"
 #include "commands.h"
 #include "service-signal.h"
+#include "state.h"
 
 namespace {
 
@@ -30,9 +30,10 @@ struct Box : Board {
     start();
   }
   void start() {
-    trace.emplace(::open(at("/trace").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    const Handle trace(
+        ::open(at("/trace").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     remove("/clock_reached");
-    service.emplace(*this, Lines{"--verbose", "-c", CONFIG}, trace->number);
+    service.emplace(*this, Lines{"--verbose", "-c", CONFIG}, trace.number);
     REQUIRE(hasReached());
   }
   bool hasReached() const {
@@ -56,26 +57,21 @@ struct Box : Board {
     CHECK(fanctl.status == status);
     return fanctl.output + fanctl.errors;
   }
+  std::string run_when(const std::string& sda, const std::string& sdb) const {
+    disks(sda, sdb);
+    return run();
+  }
   // Puts the service to rest.
   void rest() const {
-    disks("standby", "standby");
-    (void)run();
-    (void)run();
+    for (int count = 0; count < 2; ++count) (void)run_when("standby", "standby");
     REQUIRE(mode() == "spindown");
   }
-  std::string mode() const {
-    const std::string memory = read(kMemory), key = "\nmode=";
-    const std::size_t found = memory.find(key);
-    if (found == std::string::npos) return "";
-    return memory.substr(found + key.size(), memory.find('\n', found + 1) - found - key.size());
-  }
+  std::string mode() const { return read_state(kMemory)["mode"]; }
   // How often the service was told to.
   long switched(const std::string& to) const {
     const std::string text = read("/trace"), line = "Switch to " + to + " mode";
     long count = 0;
-    for (std::size_t at = text.find(line); at != std::string::npos; at = text.find(line, at + 1)) {
-      ++count;
-    }
+    for (std::size_t at = 0; (at = text.find(line, at)) != std::string::npos; ++at) ++count;
     return count;
   }
   // Whether it measures from now on, over three cycles. The disks are asked by nobody else.
@@ -97,7 +93,6 @@ struct Box : Board {
   }
 
   int now = 0;
-  std::optional<Handle> trace;
   std::optional<Service> service;
 };
 
@@ -108,27 +103,21 @@ TEST_CASE("two runs that find all disks asleep, and one that does not") {
     CAPTURE(settings);
     Box box(settings);
     CHECK(box.run() == "");
-    box.disks("standby", "active");
-    for (int run = 0; run < 3; ++run) CHECK(box.run() == "");
+    for (int run = 0; run < 3; ++run) CHECK(box.run_when("standby", "active") == "");
     CHECK(box.mode() == "normal");
     // Asleep, awake, asleep: not twice in a row.
-    box.disks("standby", "standby");
-    CHECK(box.run() == "");
-    box.disks("standby", "active");
-    CHECK(box.run() == "");
+    CHECK(box.run_when("standby", "standby") == "");
+    CHECK(box.run_when("standby", "active") == "");
     (void)box.journal({});
-    box.disks("standby", "standby");
-    CHECK(box.run() == "");
+    CHECK(box.run_when("standby", "standby") == "");
     CHECK(box.switched("spindown") == 0);
     CHECK(contains(box.run(), "all disks sleep: the service rests, SIGUSR1 goes to process "));
-    CHECK(box.switched("spindown") == 1);
     CHECK(box.run() == "");
     box.asksOnly();
     CHECK_FALSE(box.measures());
     // At once, not when the period is over.
-    box.disks("standby", "active");
-    CHECK(contains(box.run(), "/dev/sdb is awake: the service measures again, SIGUSR2 goes to "));
-    CHECK(box.switched("normal") == 1);
+    CHECK(contains(box.run_when("standby", "active"),
+                   "/dev/sdb is awake: the service measures again, SIGUSR2 goes to "));
     CHECK(contains(box.read("/trace"), "TMAX = 47\n"));
     CHECK(box.run() == "");
     CHECK(box.measures());
@@ -153,18 +142,15 @@ TEST_CASE("a day: no sleeping disk is woken, and the first measurement comes wit
     const bool wasAsleep = sleeps;
     if (used) lastCommand = box.now;
     sleeps = !used && box.now - lastCommand >= kTimer;
-    if (sleeps != wasAsleep) {
-      const std::string power = sleeps ? "standby" : "active";
-      box.disks(power, power);
-    }
+    const std::string power = sleeps ? "standby" : "active";
+    if (sleeps != wasAsleep) box.disks(power, power);
     REQUIRE(run_standby(options, {}) == EXIT_FINE);
     if (wasAsleep && !sleeps) CHECK(box.mode() == "normal");
     rests += box.mode() == "spindown" ? 1 : 0;
-    const auto isMeasuring = [](const std::string& call) { return !contains(call, "00e500 "); };
     const auto measured = [&] {
       const Lines calls = box.journal({"sg_io", "woken"});
       CHECK_FALSE(contains(calls, "woken sda"));
-      return std::ranges::any_of(calls, isMeasuring);
+      return !std::ranges::all_of(calls, [](auto& call) { return contains(call, "00e500 "); });
     };
     // In the same run, not when a period is over.
     const bool hasMeasured = measured();
@@ -178,22 +164,19 @@ TEST_CASE("a day: no sleeping disk is woken, and the first measurement comes wit
 }
 
 TEST_CASE("what counts as awake") {
+  const std::string list = "/proc/partitions", dumb = " does not tell whether it sleeps";
+  const std::string sensor = kDriver + "temp_sensor_sysfs_entry=" + SENSOR + "\n";
   const struct {
     std::string says;
     std::function<void(const Box&)> change;
   } cases[] = {
-      {"/dev/sdb cannot be opened", [](const Box& box) { box.remove("/dev/sdb"); }},
-      {"/dev/sda does not tell whether it sleeps",
-       [](const Box& box) { box.disk("sda", "fails=ioctl\n"); }},
-      {"/dev/sdb does not tell whether it sleeps",
-       [](const Box& box) { box.disk("sdb", "power=standby\nfails=reject\n"); }},
-      {"there is no disk", [](const Box& box) { box.write("/proc/partitions", ""); }},
-      {"the list of disks cannot be read", [](const Box& box) { box.remove("/proc/partitions"); }},
+      {"/dev/sdb cannot be opened", [](auto& box) { box.remove("/dev/sdb"); }},
+      {"/dev/sda" + dumb, [](auto& box) { box.disk("sda", "fails=ioctl\n"); }},
+      {"/dev/sdb" + dumb, [](auto& box) { box.disk("sdb", "power=standby\nfails=reject\n"); }},
+      {"there is no disk", [&](auto& box) { box.write(list, ""); }},
+      {"the list of disks cannot be read", [&](auto& box) { box.remove(list); }},
       {"the service measures its sensor and touches no disk",
-       [](const Box& box) {
-         box.write(SENSOR, "41000\n");
-         box.config(kDriver + "temp_sensor_sysfs_entry=" + SENSOR + "\n", TABLE);
-       }},
+       [&](auto& box) { box.write(SENSOR, "41000\n"), box.config(sensor, TABLE); }},
   };
   for (const auto& each : cases) {
     CAPTURE(each.says);
@@ -204,11 +187,9 @@ TEST_CASE("what counts as awake") {
     CHECK(box.switched("normal") == 1);
     const bool isSensor = contains(each.says, "sensor");
     CHECK(contains(box.run(), "touches no disk: there is nothing to do") == isSensor);
-    CHECK(box.run() == "");
-    if (!isSensor) continue;
     (void)box.journal({});
-    (void)box.run();
-    CHECK(box.journal({"sg_io"}).empty());
+    CHECK(box.run() == "");
+    if (isSensor) CHECK(box.journal({"sg_io"}).empty());
   }
   const Box box;
   box.rest();
@@ -218,38 +199,32 @@ TEST_CASE("what counts as awake") {
 }
 
 TEST_CASE("killed at any point") {
-  // What stood in the memory, what had been sent, and, with counted waits, not served.
+  // What stood in the memory, what had been sent, and, with counted waits, not served. These take
+  // long: only where both signals are noted and disks are awake.
   const struct {
-    std::string mode;
+    std::string settings, mode;
     std::vector<int> sent;
-  } cases[] = {{"entering", {}},
-               {"entering", {SIGUSR1}},
-               {"leaving", {}},
-               {"leaving", {SIGUSR2}},
-               {"leaving", {SIGUSR1, SIGUSR2}}};
-  for (const std::string& settings : {kDriver, kFanless}) {
-    for (const auto& each : cases) {
-      for (const bool asleep : {true, false}) {
-        // With counted waits, which take long: where both signals are noted and disks are awake.
-        if (settings == kFanless && (asleep || each.sent.size() < 2)) continue;
-        CAPTURE(settings);
-        CAPTURE(each.mode);
-        CAPTURE(each.sent.size());
-        CAPTURE(asleep);
-        Box box(settings);
-        box.rest();
-        std::string memory = box.read(kMemory);
-        if (each.mode == "entering") {
-          box.disks("standby", "active");
-          (void)box.run();
-        }
-        box.write(kMemory, memory.replace(memory.find("spindown"), 8, each.mode));
-        for (const int signal : each.sent) ::kill(box.service->daemon, signal);
-        box.disks("standby", asleep ? "standby" : "active");
-        (void)box.run();
-        CHECK(box.mode() == (asleep ? "spindown" : "normal"));
-        CHECK(box.measures() == !asleep);
-      }
+  } cases[] = {{kDriver, "entering", {}},
+               {kDriver, "entering", {SIGUSR1}},
+               {kDriver, "leaving", {}},
+               {kDriver, "leaving", {SIGUSR2}},
+               {kDriver, "leaving", {SIGUSR1, SIGUSR2}},
+               {kFanless, "leaving", {SIGUSR1, SIGUSR2}}};
+  for (const auto& each : cases) {
+    for (const bool asleep : {true, false}) {
+      if (each.settings == kFanless && asleep) continue;
+      CAPTURE(each.settings + each.mode);
+      CAPTURE(each.sent.size());
+      CAPTURE(asleep);
+      Box box(each.settings);
+      box.rest();
+      std::string memory = box.read(kMemory);
+      if (each.mode == "entering") (void)box.run_when("standby", "active");
+      box.write(kMemory, memory.replace(memory.find("spindown"), 8, each.mode));
+      for (const int signal : each.sent) ::kill(box.service->daemon, signal);
+      (void)box.run_when("standby", asleep ? "standby" : "active");
+      CHECK(box.mode() == (asleep ? "spindown" : "normal"));
+      CHECK(box.measures() == !asleep);
     }
   }
 }
@@ -260,8 +235,7 @@ TEST_CASE("a service that is busy is sent no SIGUSR1 and gets SIGUSR2 as soon as
   box.disk("sdb", "temperature=33\npower=active\n");  // another command, which is logged
   box.write("/clock", "180");
   REQUIRE(eventually([&] { return contains(box.read("/trace"), "TMAX = 33\n"); }));
-  box.disks("standby", "standby");
-  for (int run = 0; run < 3; ++run) (void)box.run();
+  for (int run = 0; run < 3; ++run) (void)box.run_when("standby", "standby");
   CHECK(box.mode() == "normal");
   const Handle log(::open(box.at("/syslog").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   box.now = 180;
@@ -276,8 +250,7 @@ TEST_CASE("a service that waits for its table is not put to rest") {
   CHECK(box.service->wait_end(SIGKILL) == SIGKILL);
   box.remove(CONFIG + "/fan_cmd_tab.conf");
   box.start();
-  box.disks("standby", "standby");
-  for (int run = 0; run < 3; ++run) CHECK(box.run() == "");
+  for (int run = 0; run < 3; ++run) CHECK(box.run_when("standby", "standby") == "");
   box.config("", TABLE);  // which it has not read yet
   CHECK(box.run() == "");
   CHECK(box.mode() == "normal");
@@ -285,9 +258,8 @@ TEST_CASE("a service that waits for its table is not put to rest") {
 
 TEST_CASE("a service that restarts its fan is not put to rest") {
   Box box;
-  box.disks("standby", "standby");
   box.write(FAN + "/fan1_alarm", "1\n");
-  for (int run = 0; run < 3; ++run) CHECK(box.run() == "");
+  for (int run = 0; run < 3; ++run) CHECK(box.run_when("standby", "standby") == "");
   box.write(FAN + "/fan1_alarm", "0\n");
   CHECK(contains(box.run(), "SIGUSR1 goes to process "));
 }
@@ -295,18 +267,16 @@ TEST_CASE("a service that restarts its fan is not put to rest") {
 TEST_CASE("a disk that hangs does not keep the service at rest") {
   Box box;
   box.rest();
-  std::string memory = box.read(kMemory);
-  box.write(kMemory, memory + "asking=yes\n");  // as a run leaves it that never came back
+  const std::string asking = box.read(kMemory) + "asking=yes\n";
+  box.write(kMemory, asking);  // as a run leaves it that never came back
   CHECK(contains(box.run(), "a disk has not answered: the service measures again"));
   CHECK(box.switched("normal") == 1);
   (void)box.run();
   CHECK(contains(box.run(), "SIGUSR1 goes"));
 
   // That run is there still, and holds the lock.
-  box.write(kMemory, memory + "asking=yes\n");
-  const Handle lock(
-      ::open(box.at("/run/fan_controller/.standby.lock").c_str(), O_RDWR | O_CLOEXEC));
-  REQUIRE(::flock(lock.number, LOCK_EX) == 0);
+  box.write(kMemory, asking);
+  const HeldLock lock(box, "/run/fan_controller/.standby.lock");
   CHECK(box.run() == "");
   fs::last_write_time(box.at(kMemory), fs::file_time_type::clock::now() - std::chrono::minutes(1));
   CHECK(contains(box.run(), "a disk has not answered: the service measures again"));
@@ -319,8 +289,7 @@ TEST_CASE("another process is never hit, and a service that was started anew is 
   box.rest();
   CHECK(box.service->wait_end(SIGKILL) == SIGKILL);
   CHECK_FALSE(send_signal(first, SIGUSR1));
-  box.disks("active", "active");
-  CHECK(box.run() == "");
+  CHECK(box.run_when("active", "active") == "");
   // Its number was given to a process to which the signal would be the end.
   const pid_t other = ::_Fork();
   if (other == 0) {
@@ -347,8 +316,7 @@ TEST_CASE("another process is never hit, and a service that was started anew is 
 
 TEST_CASE("the end, a dry run, and a memory that cannot be kept") {
   Box box;
-  box.disks("standby", "standby");
-  (void)box.run();
+  (void)box.run_when("standby", "standby");
   const std::string before = box.read(kMemory);
   CHECK(contains(box.run({"--dry-run"}), "the service rests, SIGUSR1 would go to process "));
   CHECK(box.read(kMemory) == before);
@@ -361,7 +329,6 @@ TEST_CASE("the end, a dry run, and a memory that cannot be kept") {
   CHECK(box.switched("normal") == 1);
   CHECK_FALSE(box.exists(kMemory));
   CHECK(box.run({"--end"}) == "");
-  CHECK(box.switched("normal") == 1);
 
   // A folder that everybody can write to is not written to.
   box.rest();
@@ -371,8 +338,7 @@ TEST_CASE("the end, a dry run, and a memory that cannot be kept") {
   CHECK(box.switched("normal") == 2);
   box.allow("/run/fan_controller", 0755);
   (void)box.run({"--end"});
-  box.disks("standby", "standby");
-  (void)box.run();
+  (void)box.run_when("standby", "standby");
   box.allow("/run/fan_controller", 0777);
   for (int run = 0; run < 3; ++run) CHECK(contains(box.run({}, 2), kMemory));
   CHECK(box.switched("spindown") == 2);

@@ -1,12 +1,11 @@
 // fanctl status: what it says in each state, in three forms and on a terminal.
 #include <pty.h>
 #include <sys/ioctl.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <utime.h>
 
-#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <regex>
@@ -21,6 +20,7 @@ namespace {
 const std::string kSettings = "fan_driver_sysfs_dir=" + FAN +
                               "\ntemp_sensor_sysfs_entry=" + SENSOR +
                               "\ndump_info_to_file=" + STATUS + "\n";
+const std::string kSelf = std::to_string(::getpid());
 
 // This process counts as the service. All is well, and the sensor is far from the disks' readings.
 struct StatusBoard : Board {
@@ -38,47 +38,29 @@ struct StatusBoard : Board {
     write(STATUS, "text");
     const utimbuf times{0, std::time(nullptr) - 7200};
     REQUIRE(::utime(at(STATUS).c_str(), &times) == 0);
-    write(PID_FILE, std::to_string(::getpid()) + "\n");
-    ::prctl(PR_GET_NAME, m_name);
-    ::prctl(PR_SET_NAME, "fan_controller");
   }
-  ~StatusBoard() {
-    ::prctl(PR_SET_NAME, m_name);
-    CHECK(entries({"woken"}).empty());
-  }
+  ~StatusBoard() { CHECK(entries({"woken"}).empty()); }
 
- private:
-  char m_name[16] = {};
+  AsService service{*this};
 };
 
 // Asked by another program: an emulator tells a process something else of itself.
 std::string start_of_this_process() {
-  const std::string command = "cut -d ' ' -f 22 /proc/" + std::to_string(::getpid()) + "/stat";
-  std::FILE* const answer = ::popen(command.c_str(), "r");
-  REQUIRE(answer != nullptr);
-  char field[32] = "";
-  CHECK(std::fgets(field, sizeof field, answer) != nullptr);
-  (void)::pclose(answer);
-  return std::string(field, std::strcspn(field, "\n"));
+  const Board board;
+  const std::string ask = "cut -d ' ' -f 22 /proc/" + kSelf + "/stat >" + board.at("/start");
+  REQUIRE(std::system(ask.c_str()) == 0);
+  return board.read("/start");
 }
 
-// The first line, and the text of the row.
-std::string first_line(const Fanctl& run) { return run.output.substr(0, run.output.find('\n')); }
-std::string row(const Fanctl& run, std::string name) {
-  name = "\n" + name + std::string(13 - name.size(), ' ');
-  const std::size_t begin = run.output.find(name);
-  if (begin == std::string::npos) return "no row";
-  const std::size_t text = begin + name.size();
-  return run.output.substr(text, run.output.find('\n', text) - text);
+// How a row begins.
+std::string row(std::string name, const std::string& text) {
+  name.resize(13, ' ');
+  return "\n" + name + text;
 }
 
-// The metric's samples, each without the common beginning of its name.
-Lines samples(const std::string& text) {
-  Lines found;
-  std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);)
-    if (!line.starts_with('#')) found.push_back(line.substr(std::strlen("fan_controller_")));
-  return found;
+// The metrics without comments and the common beginning of their names.
+std::string samples(const Fanctl& run) {
+  return std::regex_replace(run.output, std::regex("#[^\n]*\n|fan_controller_"), "");
 }
 
 }  // namespace
@@ -88,10 +70,10 @@ TEST_CASE("all is well") {
   const Fanctl run(board, {"status"});
   CHECK(run.status == 0);
   CHECK(run.errors.empty());
-  CHECK(first_line(run) == "All well: 41 C, command 150, fan 1205 rpm.");
-  const std::regex since("runs as process " + std::to_string(::getpid()) +
-                         ", since 20\\d\\d-\\d\\d-\\d\\d \\d\\d:\\d\\d, \\d+ (second|minute)s?.*");
-  CHECK(std::regex_match(row(run, "service"), since));
+  CHECK(run.output.starts_with("All well: 41 C, command 150, fan 1205 rpm.\n"));
+  const std::regex since(row("service", "runs as process ") + kSelf +
+                         ", since 20\\d\\d-\\d\\d-\\d\\d \\d\\d:\\d\\d, \\d+ (second|minute)");
+  CHECK(std::regex_search(run.output, since));
   CHECK(run.output.ends_with("\ntemperature  41 C, from the sensor " + SENSOR + R"(
 command      150, as the table gives it
 fan          1205 rpm
@@ -105,10 +87,14 @@ disks        /dev/sda  38 C, DISK  S1
 }
 
 TEST_CASE("each state has its sentence, its row and its exit status") {
-  const std::string hysteresis = kSettings + "use_hysteresis=yes\n", pwm = FAN + "/pwm1";
+  const std::string both = kSettings + "use_hysteresis=yes\n", pwm = FAN + "/pwm1";
   const std::string standby = "/run/fan_controller/standby", guard = GUARD_RECORD;
-  const std::string process = "process=" + std::to_string(::getpid()) + "\nstarted=";
+  const std::string process = "process=" + kSelf + "\nstarted=";
+  const std::string current = process + start_of_this_process();
   const std::string yesterday = std::to_string(std::time(nullptr) - 27 * 3600 - 59);
+  const std::string settings = CONFIG + "/fan_controller.conf",
+                    table = CONFIG + "/fan_cmd_tab.conf";
+  const std::string hottest = "38 C, from /dev/sda, the hottest";
   const struct {
     int status;
     std::string place, says;  // "first" is the sentence
@@ -121,42 +107,40 @@ TEST_CASE("each state has its sentence, its row and its exit status") {
       {1, "alert", "temperature high, since ", HIGH_TEMP_FLAG, ""},
       {1, "first", "The temperature is critical, for ", CRIT_TEMP_FLAG, ""},
       {0, "alerts", "none", FAN_FAILED_FLAG, "@"},
-      {1, "first", "The guard has acted and its reason still holds, for 1 day 3 hours.", guard,
+      {1, "first", "The guard has acted and its reason still holds, for 1 day 3 hours.\n", guard,
        "stands=yes\nsince=" + yesterday},
       {1, "", "/dev/sda has 66 C.", guard, "stands=yes\ntext=/dev/sda has 66 C."},
       {0, "alerts", "none", guard, "stands=no\nsince=" + yesterday},
       {0, "command", "255, differs from the table's 150", pwm, "255\n"},
       {0, "command", "cannot be read; the table gives 150", pwm, "n/a\n"},
-      {0, "command", "150, as the table gives it (150 falling, 200 rising)", pwm, "150\n",
-       hysteresis},
-      {0, "command", "151, differs from the table's 150 falling, 200", pwm, "151\n", hysteresis},
+      {0, "command", "150, as the table gives it (150 falling, 200 ris", pwm, "150\n", both},
+      {0, "command", "151, differs from the table's 150 falling, 200", pwm, "151\n", both},
       {0, "mode", "close-loop, automatic (2)", FAN + "/pwm1_enable", "2\n"},
       {0, "fan", "none is controlled", pwm, "-", "period_in_sec=9\n"},
       {0, "fan", FAN + " is not taken for a fan driver", pwm, "-"},
-      {0, "temperature",
-       "38 C, from /dev/sda, the hottest of 3 disks (1 asleep, not asked), as the", SENSOR, "-"},
-      {0, "first", "The service runs and no alert stands, but no temperature", "/dev/sda", "-",
-       "a=b"},
-      {0, "settings", CONFIG + "/fan_controller.conf cannot", CONFIG + "/fan_controller.conf", "-"},
-      {0, "table", CONFIG + "/fan_cmd_tab.conf cannot", CONFIG + "/fan_cmd_tab.conf", "-"},
+      {0, "temperature", hottest + " of 3 disks (1 asleep, not asked), as the", SENSOR, "-"},
+      {0, "first", "The service runs and no alert stands, but no temper", "/dev/sda", "-", "a=b"},
+      {0, "settings", settings + " cannot", settings, "-"},
+      {0, "table", table + " cannot", table, "-"},
       {0, "status file", STATUS + " is not there", STATUS, "-"},
       {0, "status file", STATUS + " is no plain file", STATUS, "@"},
       {0, "first", "All well: the disks are left to sleep, and the service does not", standby,
-       process + start_of_this_process() + "\nmode=entering\n"},
+       current + "mode=entering\n"},
       {0, "first", "All well: 41 C", standby, process + "1\nmode=spindown\n"},  // a former one
-      {0, "first", "All well: 41 C", standby,
-       process + start_of_this_process() + "\nmode=normal\n"},
+      {0, "first", "All well: 41 C", standby, current + "mode=normal\n"},
   };
-  for (const auto& [status, place, says, path, text, settings] : cases) {
-    const StatusBoard board(settings);
-    if (text == "-" || text == "@") fs::remove(board.at(path));
-    if (text == "@") fs::create_symlink("/etc/passwd", board.at(path));
-    if (text != "-" && text != "@") board.write(path, text);
+  for (const auto& each : cases) {
+    const StatusBoard board(each.settings);
+    const bool isLink = each.text == "@";
+    if (isLink || each.text == "-") fs::remove(board.at(each.path));
+    if (isLink) fs::create_symlink("/etc/passwd", board.at(each.path));
+    if (!isLink && each.text != "-") board.write(each.path, each.text);
     const Fanctl run(board, {"status"});
     CAPTURE(run.output);
-    CAPTURE(says);
-    CHECK((place == "first" ? first_line(run) : row(run, place)).starts_with(says));
-    CHECK(run.status == status);
+    CAPTURE(each.says);
+    CHECK((each.place == "first" ? run.output.starts_with(each.says)
+                                 : contains(run.output, row(each.place, each.says))));
+    CHECK(run.status == each.status);
     CHECK(run.errors.empty());
   }
 }
@@ -173,7 +157,7 @@ TEST_CASE("a process that a signal holds is no running service") {
   (void)::kill(held, SIGKILL);
   (void)::waitpid(held, nullptr, 0);
   CHECK(run.status == 2);
-  CHECK(first_line(run) == "The service is held by a signal: it does not care for the fan.");
+  CHECK(run.output.starts_with("The service is held by a signal: it does not care for the fan.\n"));
 }
 
 TEST_CASE("JSON") {
@@ -183,18 +167,18 @@ TEST_CASE("JSON") {
   const Fanctl run(board, {"status", "--json"});
   CHECK(run.status == 1);
   auto json = nlohmann::json::parse(run.output);
-  CHECK(std::regex_match(json["service"]["since"].get<std::string>(),
-                         std::regex("20\\d\\d-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ")));
   CHECK(json["alerts"][0]["seconds"] < 600);
   CHECK(json["status_file"]["seconds"] >= 7200);
+  const std::regex time("20\\d\\d-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ");
   for (auto* each : {&json["service"], &json["alerts"][0], &json["status_file"]}) {
+    CHECK(std::regex_match((*each)["since"].get<std::string>(), time));
     each->erase("since");
     each->erase("seconds");
   }
   CHECK(json == nlohmann::json::parse(R"({
     "state": "alert",
     "service": {"state": "runs", "process": )" +
-                                      std::to_string(::getpid()) + R"(, "spindown": false},
+                                      kSelf + R"(, "spindown": false},
     "temperature": {"celsius": 41, "source": "the sensor"},
     "command": {"path": "/sys/fan/pwm1", "in_force": 150, "table_rising": 200,
                 "table_falling": 150, "differs": false},
@@ -209,21 +193,23 @@ TEST_CASE("JSON") {
 
 TEST_CASE("metrics: labels are escaped, and what cannot be read is left out") {
   const StatusBoard board;
+  const std::string alerts =
+      "alert{kind=\"fan_failed\"} 0\nalert{kind=\"temperature_high\"} 0\n"
+      "alert{kind=\"temperature_critical\"} 1\nalert{kind=\"guard_acted\"} 0\n";
   board.write(CRIT_TEMP_FLAG, "");
   board.disk("sda", "temperature=38\nmodel_hex=41225c0a01ff42\n");
   const Fanctl run(board, {"status", "--prometheus"});
   CHECK(run.status == 1);
   CAPTURE(run.output);
-  Lines found = samples(run.output);
-  REQUIRE(found.size() == 10);
-  CHECK(found.back().starts_with("status_age_seconds 720"));
-  found.pop_back();
-  CHECK(found ==
-        Lines{"up 1", "temperature_celsius 41",
-              "disk_temperature_celsius{device=\"/dev/sda\",model=\"A\\\"\\\\\\n?\ufffdB\"} 38",
-              "command 150", "fan_speed_rpm 1205", "alert{kind=\"fan_failed\"} 0",
-              "alert{kind=\"temperature_high\"} 0", "alert{kind=\"temperature_critical\"} 1",
-              "alert{kind=\"guard_acted\"} 0"});
+  const std::string found = samples(run);
+  CHECK(found.substr(0, found.size() - 2) == R"(up 1
+temperature_celsius 41
+disk_temperature_celsius{device="/dev/sda",model="A\"\\\n?)"
+                                             "\ufffd"
+                                             R"(B"} 38
+command 150
+fan_speed_rpm 1205
+)" + alerts + "status_age_seconds 720");
   for (const auto& name : {"up", "disk_temperature_celsius", "alert"}) {
     const std::string full = std::string("fan_controller_") + name;
     CHECK(std::regex_search(
@@ -235,11 +221,9 @@ TEST_CASE("metrics: labels are escaped, and what cannot be read is left out") {
 
   for (const auto* attribute : {"/pwm1", "/fan1_input"}) board.write(FAN + attribute, "n/a\n");
   for (const auto& path : {SENSOR, STATUS, std::string("/dev/sda")}) board.remove(path);
-  const std::string none = Fanctl(board, {"status", "--prometheus"}).output;
-  CHECK(samples(none) ==
-        Lines{"up 1", "alert{kind=\"fan_failed\"} 0", "alert{kind=\"temperature_high\"} 0",
-              "alert{kind=\"temperature_critical\"} 1", "alert{kind=\"guard_acted\"} 0"});
-  CHECK(std::ranges::count(none, '#') == 4);
+  const Fanctl none(board, {"status", "--prometheus"});
+  CHECK(samples(none) == "up 1\n" + alerts);
+  CHECK(std::ranges::count(none.output, '#') == 4);
 }
 
 TEST_CASE("a linked chip: what stands in for a tachometer and for a mode is no value") {
@@ -247,8 +231,9 @@ TEST_CASE("a linked chip: what stands in for a tachometer and for a mode is no v
   board.chip({0, "emc2103", "i2c/0-002e", "fan1_target=150 pwm1_enable=0"});
   REQUIRE(Fanctl(board, {"link", "emc2103"}).status == 0);
   const Fanctl run(board, {"status"});
-  CHECK(row(run, "mode") == "close-loop, target speed (3)");  // the service's own number is 2
-  CHECK(row(run, "fan") == "its speed is not known");
+  CHECK(contains(run.output,
+                 row("mode", "close-loop, target speed (3)\n")));  // the service's own number is 2
+  CHECK(contains(run.output, row("fan", "its speed is not known\n")));
   CHECK_FALSE(contains(Fanctl(board, {"status", "--prometheus"}).output, "fan_speed_rpm"));
 }
 
