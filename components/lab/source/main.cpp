@@ -24,7 +24,7 @@
 
 namespace {
 
-enum Status { kFine = 0, kOverheats = 1, kFailed = 2, kWrongUse = 64, kSignal = 128 };
+enum Status { kFine = 0, kOtherOverheats = 1, kFailed = 2, kWrongUse = 64, kSignal = 128 };
 
 struct Options {
   std::string config = LAB_CONFIG;
@@ -50,7 +50,9 @@ void add_options(CLI::App& app, Options& options) {
   app.add_option("--out", options.out, "folder for the report")
       ->type_name("DIR")
       ->capture_default_str();
-  app.footer("Exit status: 0 fine, 1 the table overheats, 2 bad input or a failure, 64 wrong use.");
+  app.footer(
+      "Exit status: 0 fine, 1 another rule or table overheats, 2 the table overheats, bad input or "
+      "a failure, 64 wrong use.");
 }
 
 // Progress on standard error: one line that changes, or a line a run where it is no terminal.
@@ -145,7 +147,11 @@ Status work(const Options& options) {
   workshop.deliver(files);
   (void)std::fputs(summary_of(report, ::isatty(STDOUT_FILENO) == 1).c_str(), stdout);
   (void)std::printf("\nReport: %s/report.html\n", options.out.c_str());
-  return report.overheats() ? kOverheats : kFine;
+  const std::string alarm = alarm_of(report);
+  if (!report.overheats()) return alarm.empty() ? kFine : kOtherOverheats;
+  (void)std::fprintf(stderr, "lab: %s/fan_cmd_tab.conf: %s\n", options.config.c_str(),
+                     alarm.c_str());
+  return kFailed;
 }
 
 int run(int argc, char* argv[]) {

@@ -130,7 +130,8 @@ TEST_CASE("a fan that is driven by its speed, blocked until it gets too hot, bes
   desk.put("rival/fan_controller.conf", kSettings + "use_hysteresis=yes\n");
   desk.put("rival/fan_cmd_tab.conf", "30=900\n36=1500\n40=2400\n");
   const Result result = desk.lab("--against rival --day day --hours 2");
-  CHECK(result.status == 1);
+  CHECK(result.status == 2);
+  CHECK(contains(result.errors, "table/fan_cmd_tab.conf: TOO HOT: table, nearest step: a disk is"));
   CHECK(result.output.starts_with("TOO HOT: table, nearest step: a disk is above 34 C"));
   CHECK(contains(desk.get("out/report.html"), "<p class=\"alarm\">TOO HOT: "));
   CHECK(contains(result.errors, "table: its highest command is 255, but the fan of box"));
