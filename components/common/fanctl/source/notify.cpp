@@ -317,7 +317,7 @@ bool is_old_failure(State& told, const std::string& hook, const std::string& pro
   const long long now = std::time(nullptr), then = std::strtoll(known.c_str(), nullptr, 10);
   const std::size_t blank = known.find(' ');
   const bool isSame = blank != std::string::npos && known.substr(blank + 1) == problem;
-  if (isSame && now >= then && now - then < kHour) return true;
+  if (isSame && now - then < kHour && then - now < kHour) return true;
   known = join({now, " ", problem});
   return false;
 }
