@@ -52,6 +52,7 @@ struct Look {
   std::optional<Reading> hottest;
   bool isHot = false;  // with whatever command
   bool asksDisks = false;
+  ServiceState service = ServiceState::kRuns;
   std::vector<Reason> reasons;
 
   void add(const char* name, std::initializer_list<TextPiece> text) {
@@ -109,7 +110,8 @@ void check_heat(Look& look, const std::optional<Reading>& reading) {
 }
 
 void check_service(Look& look) {
-  const ServiceState state = look_at_service(look.configuration.settings.m_pidFile).state;
+  const ServiceState state = look.service =
+      look_at_service(look.configuration.settings.m_pidFile).state;
   if (state == ServiceState::kEnded) {
     look.add("ended", {"the fan control service does not run, although it should"});
   } else if (state == ServiceState::kHalted) {
@@ -301,9 +303,10 @@ ExitStatus act(Look& look) {
   return outcome == kFailed ? EXIT_ERRORS : EXIT_WARNINGS;
 }
 
-void note_end() {
+// before: as it was before the look, which knows nothing of what another run has done since.
+void note_end(const GuardRecord& before) {
   GuardRecord record = read_guard_record();
-  if (!record.stands) {
+  if (!before.stands || !record.stands || record.number != before.number) {
     if (on_terminal()) (void)std::printf("Nothing is wrong.\n");
     return;
   }
@@ -332,10 +335,18 @@ ExitStatus say(const Look& look) {
 }  // namespace
 
 ExitStatus run_guard(const Options& options, const GuardOptions& guard) {
+  const GuardRecord before = read_guard_record();
   Look look = look_around(options, guard);
   const std::string folder = look.configuration.settings.m_fanDriverSysfsDir;
   if (folder.empty() || (!look.configuration.hasSettings && look.commandPath.empty())) {
     (void)std::printf("No fan is controlled here: there is nothing to guard.\n");
+    return EXIT_FINE;
+  }
+  // A service that is stopped has given the chip its own control back, and the folder is gone; the
+  // sensor may have been in it.
+  if (look.service == ServiceState::kOff && !exists(folder)) {
+    (void)std::printf("The service is stopped, and %s is gone: there is nothing to guard.\n",
+                      folder.c_str());
     return EXIT_FINE;
   }
   if (guard.dryRun) return say(look);
@@ -354,7 +365,7 @@ ExitStatus run_guard(const Options& options, const GuardOptions& guard) {
     } else if (look.isHot) {
       (void)std::printf("It is too hot, and the fan has the highest command.\n");
     } else {
-      note_end();
+      note_end(before);
     }
   }
   if (!guard.serviceEnded) supply_alarm(folder, look.driver);

@@ -350,22 +350,13 @@ TEST_CASE("colours only on a terminal, and not against the user's will") {
 
 TEST_CASE("wrong use") {
   const Board board;
-  for (const Lines& arguments : {Lines{},
-                                 {"chek"},
-                                 {"check", "--fast"},
-                                 {"check", "more"},
-                                 {"hardware", "-c"},
-                                 {"link", "--json", "a"},
-                                 {"link", "a", "b"},
-                                 {"link", "--undo", "a"},
-                                 {"link", "--at-boot"},
-                                 {"link", "--at-boot", "--undo", "a"},
-                                 {"status", "--watch", "5"},  // no terminal
-                                 {"status", "--watch", "0"},
-                                 {"status", "--watch", "5", "--json"},
-                                 {"status", "--json", "--prometheus"},
-                                 {"status", "--output", "/run/x"}}) {
-    const Fanctl run(board, arguments);
+  for (const std::string line :  // there is no terminal to watch on
+       {"", "chek", "check --fast", "check more", "hardware -c", "link --json a", "link a b",
+        "link --undo a", "link --at-boot", "link --at-boot --undo a", "status --watch 5",
+        "status --watch 0", "status --watch 5 --json", "status --json --prometheus",
+        "status --output /run/x"}) {
+    std::istringstream words(line);
+    const Fanctl run(board, Lines(std::istream_iterator<std::string>(words), {}));
     CAPTURE(run.errors);
     CHECK(run.status == 64);
     CHECK(run.output.empty());

@@ -211,6 +211,7 @@ TEST_CASE("the service: killed, halted, out of memory, stopped, called by its un
       {"out of memory", run_out_of_memory, 1, 240, "does not run, although it should"},
       {"halted", [](Service& s) { halt(s.daemon); }, 1, 240, "a signal holds"},
       {"stopped", [](Service& s) { CHECK(s.wait_end(SIGTERM) == 0); }, 0, 100, ""},
+      {"stopped, folder gone", [](Service& s) { CHECK(s.wait_end(SIGTERM) == 0); }, 0, 0, ""},
       {"ended, says the unit",
        [](Service& s) { CHECK(s.wait_end(SIGTERM) == 0); },
        1,
@@ -230,6 +231,10 @@ TEST_CASE("the service: killed, halted, out of memory, stopped, called by its un
     board.write(FAN + "/pwm1", "100\n");
     each.end(service);
     board.write("/proc/partitions", "");
+    if (contains(each.name, "folder gone")) {  // and the sensor, which was in it
+      fs::remove_all(board.at(FAN));
+      board.remove(SENSOR);
+    }
     const Fanctl run(board, each.arguments);
     CHECK(run.status == each.status);
     CHECK(board.command() == each.command);
