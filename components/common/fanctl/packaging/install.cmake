@@ -39,9 +39,9 @@ command over the temperature.
 It tells somebody, by mail or by programs of the administrator's, when the fan
 has failed, when it gets too hot and when the service has stopped.
 
-It shows what holds now, for people and for a collector of metrics, gives the fan
-the highest command when the service or a disk needs it, and lets the service
-rest while all disks sleep.
+It shows what holds now, for people and for a collector of metrics, gives the
+fan the highest command when the service or a disk needs it, and lets the
+service rest while all disks sleep.
 
 With this package the fan driver that fanctl has noted is presented anew before
 each start of the service, and given back when the service has ended.")
