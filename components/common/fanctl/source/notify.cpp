@@ -227,7 +227,7 @@ Notice make_guard_notice(const EventRow& row, const GuardRecord& guard, const Se
   const bool isKnown = !guard.temperature.empty();
   Notice notice = make_notice(row, isKnown ? guard.temperature : temperature_now(settings));
   if (guard.text.empty()) return notice;
-  notice.text = join({"The guard of ", notice.host, ": ", printable(guard.text)});
+  notice.text = join({"The guard of ", notice.host, ": ", printable(guard.text), "."});
   return notice;
 }
 

@@ -166,7 +166,7 @@ TEST_CASE("the real service's alert, and what a hook is given") {
        " has failed.\nFAN_TEMPERATURE=\n"},
       {[&] { fs::rename(moved, file), fs::last_write_time(file, aged), board.remove(kHigh); },
        "is not too hot any more.\nFAN_TEMPERATURE=\n"},
-      {[&] { board.guard(1, "temperature=71\ntext=Off.\n"); }, ": Off.\nFAN_TEMPERATURE=71\n"},
+      {[&] { board.guard(1, "temperature=71\ntext=Off\n"); }, ": Off.\nFAN_TEMPERATURE=71\n"},
       {[&] { board.config(sensor, ""), board.write(SENSOR, "43900\n"), board.remove(kFan); },
        " works again; the temperature is 43 C.\nFAN_TEMPERATURE=43\n"},
   };
