@@ -12,14 +12,12 @@ const char* const kLeftOutOfModel =
     "The service is the shipped program; the enclosure around it is a model. Each disk and the air "
     "have one temperature each, so there are no hot spots, and the order of the disks in the air "
     "flow counts only as far as the enclosure's file says it. Heat goes through air and walls "
-    "only: "
-    "no radiation, no contact from disk to metal to disk. The outside air is as dry and as dense "
-    "on a "
-    "mountain as at the sea, the fan does not age, and dust counts only where the day says so. A "
-    "disk's power has three values: standby, idle, seek. The power supply, and other fans, are "
-    "part of the board's power or not there at all. The loudness is the fan's own by the fan laws, "
-    "without the disks, without a resonance of the box, and without the tone of the blades. The "
-    "enclosure's values are typical ones until you replace them by those of your box.";
+    "only: no radiation, no contact from disk to metal to disk. The outside air is as dry and as "
+    "dense on a mountain as at the sea, the fan does not age, and dust counts only where the day "
+    "says so. A disk's power has three values: standby, idle, seek. The power supply, and other "
+    "fans, are part of the board's power or not there at all. The loudness is the fan's own by the "
+    "fan laws, without the disks, without a resonance of the box, and without the tone of the "
+    "blades. The enclosure's values are typical ones until you replace them by those of your box.";
 
 namespace {
 
@@ -130,11 +128,11 @@ std::vector<Figure> figures_of(const Report& report) {
   add("alert level", "C", [](const Run& run, const Totals&) {
     return std::to_string(run.configuration->alertLevel());
   });
-  add("measured above that", "min",
+  add("measured above the alert level", "min",
       [](const Run&, const Totals& totals) { return std::to_string(totals.aboveAlert); });
   add("critical", "C",
       [](const Run& run, const Totals&) { return std::to_string(run.configuration->critical); });
-  add("measured above that", "min",
+  add("measured above critical", "min",
       [](const Run&, const Totals& totals) { return std::to_string(totals.aboveCritical); });
   add("a disk above critical", "min",
       [](const Run&, const Totals& totals) { return std::to_string(totals.overheated); });
