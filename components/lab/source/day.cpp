@@ -15,8 +15,6 @@ constexpr long long kFinest = 10;         // s between two recorded values that 
 constexpr int kHoursMost = 168;
 constexpr long long kSecondMost = 1LL << 40;
 
-using Schedule = std::vector<std::pair<double, double>>;
-
 [[noreturn]] void fail(const std::string& file, std::size_t line, const std::string& what) {
   throw LabError(file + ":" + std::to_string(line) + ": " + what);
 }
@@ -36,21 +34,11 @@ appliance::EnclosureParameters parameters_of(const std::string& file, const std:
 
 // --- The enclosure ---
 
-// Straight lines between the points, and from the last one to the first of the next day.
-double temperature_at(const Schedule& points, double second) {
-  const auto next = std::ranges::find_if(points, [&](const auto& p) { return p.first > second; });
-  const auto& from = *std::prev(next);
-  const auto to = next == points.end()
-                      ? std::make_pair(static_cast<double>(kDay), points.front().second)
-                      : *next;
-  return from.second + (to.second - from.second) * (second - from.first) / (to.first - from.first);
-}
-
 // The same day, begun earlier by the warm-up.
-std::string shifted(const Schedule& points) {
+std::string shifted(const appliance::Schedule& points) {
   constexpr auto kShift = static_cast<double>(kWarmUp);
   constexpr auto kLength = static_cast<double>(kDay);
-  Schedule later = {{0, temperature_at(points, kLength - kShift)}};
+  appliance::Schedule later = {{0, appliance::temperatureAt(points, kLength - kShift)}};
   for (const auto& [second, celsius] : points) {
     // The end of the day is the beginning of the next: a point there comes just before it.
     const double moved = second >= kLength ? kShift - 1 : std::fmod(second + kShift, kLength);
@@ -315,7 +303,7 @@ Scenario read_scenario(const std::string& enclosureFile, const std::string& dayF
   scenario.isRecorded = !recordingFile.empty();
   scenario.name = name_of(scenario.isRecorded ? recordingFile : dayFile);
   scenario.seconds = (hours > 0 ? hours : kHoursOfDay) * kHour;
-  const double around = temperature_at(scenario.parameters.outside, kDay - kWarmUp);
+  const double around = appliance::temperatureAt(scenario.parameters.outside, kDay - kWarmUp);
   scenario.start.assign(names.size(), around);
   if (scenario.isRecorded) {
     read_recording(recordingFile, hours, scenario);

@@ -66,7 +66,7 @@ constexpr FileRow kFileRows[] = {
 };
 
 // "0:22 21600:19": seconds of the day in ascending order, and degrees Celsius.
-bool toSchedule(const std::string& text, std::vector<std::pair<double, double>>& schedule) {
+bool toSchedule(const std::string& text, Schedule& schedule) {
   schedule.clear();
   for (std::string_view rest = text; !rest.empty();) {
     const std::size_t blank = std::min(rest.find(' '), rest.size());
@@ -183,6 +183,15 @@ bool toNumber(const std::string& text, double& value) {
   return !text.empty() && *end == '\0' && std::isfinite(value);
 }
 
+double temperatureAt(const Schedule& points, double second) {
+  const auto next = std::find_if(points.begin(), points.end(),
+                                 [&](const auto& point) { return point.first > second; });
+  const auto& from = *std::prev(next);
+  const auto to = next == points.end() ? std::make_pair(kDay, points.front().second) : *next;
+  const double part = (second - from.first) / (to.first - from.first);
+  return from.second + part * (to.second - from.second);
+}
+
 std::string readEnclosure(const std::string& text, EnclosureParameters& parameters) {
   parameters = {};
   Reader reader(parameters);
@@ -211,16 +220,8 @@ Enclosure::Enclosure(EnclosureParameters parameters)
       m_disks(m_parameters.disks.size(), m_air),
       m_loads(m_parameters.disks.size(), Load::kIdle) {}
 
-// Straight lines between the points, and from the last one to the first of the next day.
 double Enclosure::outside() const {
-  const auto& points = m_parameters.outside;
-  const double now = std::fmod(m_seconds, kDay);
-  const auto next = std::find_if(points.begin(), points.end(),
-                                 [&](const auto& point) { return point.first > now; });
-  const auto& from = *std::prev(next);
-  const auto to = next == points.end() ? std::make_pair(kDay, points.front().second) : *next;
-  const double part = (now - from.first) / (to.first - from.first);
-  return from.second + part * (to.second - from.second);
+  return temperatureAt(m_parameters.outside, std::fmod(m_seconds, kDay));
 }
 
 double Enclosure::flow() const {

@@ -14,6 +14,13 @@
 
 namespace appliance {
 
+// A temperature over a day: seconds of the day, ascending from 0, and degrees Celsius.
+using Schedule = std::vector<std::pair<double, double>>;
+
+// What holds at a second of the day: straight lines between the points, and from the last one to
+// the first of the next day.
+double temperatureAt(const Schedule& points, double second);
+
 struct DiskParameters {
   double capacity = 0;  // J/K
   double idle = 0;      // W
@@ -39,8 +46,8 @@ struct EnclosureParameters {
   double sensorPlace = 0;  // 0: in the air, 1: on the disks
   double sensorLag = 0;    // s, time constant
   double sensorStep = 0;   // thousandths of a degree, its resolution
-  std::vector<std::pair<double, double>> outside;  // seconds of the day, degrees Celsius
-  DiskParameters disk;                             // of the disks that follow in the file
+  Schedule outside;
+  DiskParameters disk;  // of the disks that follow in the file
   std::vector<DiskParameters> disks;
   std::vector<std::string> diskNames;  // sda
   // The appliance's files, from which the command is read and to which the rest is written. Empty:
