@@ -1,6 +1,5 @@
 // fanctl guard: the alarm of a fan whose chip measures its speed but has no alarm.
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -17,11 +16,6 @@ namespace {
 constexpr int kBetweenReadings = 10;  // seconds
 constexpr int kWatchStep = 3;
 constexpr int kWatchSteps = 15;  // together less than a minute, when the next run begins
-
-bool is_link(const std::string& path) {
-  struct stat status {};
-  return ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
-}
 
 // A speed or a command that cannot be read says nothing, so there is no alarm either.
 bool stands_still(const std::string& folder, const std::string& commandPath) {
@@ -40,8 +34,7 @@ void set_alarm(const std::string& folder, const char* value) {
 }  // namespace
 
 bool lacks_alarm(const std::string& folder) {
-  return is_linked_folder(folder) && is_link(folder + "/fan1_input") &&
-         !is_link(join({folder, "/", FAN_ALARM}));
+  return is_filler(folder, FAN_ALARM) && !is_filler(folder, "fan1_input");
 }
 
 void supply_alarm(const std::string& folder, const Driver& driver) {

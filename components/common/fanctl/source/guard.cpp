@@ -60,12 +60,6 @@ struct Look {
   }
 };
 
-std::optional<int> read_number(const std::string& path) {
-  const auto text = read_attribute(path);
-  if (!text || text->find_first_of("0123456789") == std::string::npos) return std::nullopt;
-  return parse_int(text->c_str());
-}
-
 // A driver that is not recognised at this moment, because one of its attributes cannot be read, can
 // still take a command. Only GPIO fans have these limits.
 std::string find_command(const std::string& folder, const Driver& driver) {
@@ -303,16 +297,14 @@ ExitStatus act(Look& look) {
   return outcome == kFailed ? EXIT_ERRORS : EXIT_WARNINGS;
 }
 
-// before: as it was before the look, which knows nothing of what another run has done since.
-void note_end(const GuardRecord& before) {
+// before: as it was before the look, which knows nothing of what another run has done since. False
+// when there was nothing to end.
+bool note_end(const GuardRecord& before) {
   GuardRecord record = read_guard_record();
-  if (!before.stands || !record.stands || record.number != before.number) {
-    if (on_terminal()) (void)std::printf("Nothing is wrong.\n");
-    return;
-  }
+  if (!before.stands || !record.stands || record.number != before.number) return false;
   record.stands = false;
   keep(record);
-  (void)std::printf("Nothing is wrong any more.\n");
+  return true;
 }
 
 ExitStatus say(const Look& look) {
@@ -347,6 +339,9 @@ ExitStatus run_guard(const Options& options, const GuardOptions& guard) {
   if (look.service == ServiceState::kOff && !exists(folder)) {
     (void)std::printf("The service is stopped, and %s is gone: there is nothing to guard.\n",
                       folder.c_str());
+    if (guard.dryRun || !before.stands) return EXIT_FINE;
+    const Descriptor lock = wait_for_lock();
+    (void)note_end(before);
     return EXIT_FINE;
   }
   if (guard.dryRun) return say(look);
@@ -364,8 +359,10 @@ ExitStatus run_guard(const Options& options, const GuardOptions& guard) {
       status = act(look);
     } else if (look.isHot) {
       (void)std::printf("It is too hot, and the fan has the highest command.\n");
-    } else {
-      note_end(before);
+    } else if (note_end(before)) {
+      (void)std::printf("Nothing is wrong any more.\n");
+    } else if (on_terminal()) {
+      (void)std::printf("Nothing is wrong.\n");
     }
   }
   if (!guard.serviceEnded) supply_alarm(folder, look.driver);

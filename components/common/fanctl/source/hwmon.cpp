@@ -1,6 +1,7 @@
 #include "hwmon.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <iterator>
 #include <set>
@@ -151,6 +152,15 @@ std::optional<std::string> read_attribute(const std::string& path) {
   const auto value = sysfs_read_attr(path.c_str());
   if (!value) return std::nullopt;
   return std::string(value.get());
+}
+
+std::optional<int> read_number(const std::string& path) {
+  const auto text = read_attribute(path);
+  const std::size_t first = text ? text->find_first_not_of(" \t+-") : std::string::npos;
+  if (first == std::string::npos || std::isdigit(static_cast<unsigned char>((*text)[first])) == 0) {
+    return std::nullopt;
+  }
+  return parse_int(text->c_str());
 }
 
 std::string mode_name(std::string_view chip, std::string_view value) {

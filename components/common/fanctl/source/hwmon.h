@@ -31,6 +31,9 @@ std::vector<Chip> list_chips();
 /// The first line of a file, as the service reads attributes; nothing when it cannot be read.
 std::optional<std::string> read_attribute(const std::string& path);
 
+/// The whole number of a file such as pwm1; nothing when it cannot be read or holds something else.
+std::optional<int> read_number(const std::string& path);
+
 /// What the driver's documentation calls a value of pwmN_enable.
 std::string mode_name(std::string_view chip, std::string_view value);
 

@@ -1,12 +1,12 @@
 #include "link-plan.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <iterator>
-#include <string_view>
 #include <vector>
 
 #include "files.h"
@@ -170,3 +170,9 @@ bool read_boot_file(const std::string& path, BootLink& boot) {
 }
 
 bool is_linked_folder(const std::string& folder) { return exists(folder + LINK_RECORD); }
+
+bool is_filler(const std::string& folder, std::string_view entry) {
+  struct stat status {};
+  return is_linked_folder(folder) && ::lstat(join({folder, "/", entry}).c_str(), &status) == 0 &&
+         !S_ISLNK(status.st_mode);
+}

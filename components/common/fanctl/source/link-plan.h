@@ -5,6 +5,7 @@
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include "hwmon.h"
 #include "utils.h"
@@ -63,5 +64,9 @@ inline constexpr char LINK_RECORD[] = "/.link/record";
 
 /// Whether fanctl link has made the folder.
 bool is_linked_folder(const std::string& folder);
+
+/// Whether an entry of such a folder is a plain file, which stands in for what the chip does not
+/// have.
+bool is_filler(const std::string& folder, std::string_view entry);
 
 inline constexpr char BOOT_FILE[] = "fan_link.conf";

@@ -1,11 +1,9 @@
 // fanctl status: what holds now.
 #include "status.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -34,23 +32,6 @@ bool is_in_spindown(const ServiceProcess& service) {
 }
 
 // --- The fan ---
-
-// A whole number; nothing when the attribute cannot be read or holds something else.
-std::optional<int> read_number(const std::string& path) {
-  const auto text = read_attribute(path);
-  const std::size_t first = text ? text->find_first_not_of(" \t+-") : std::string::npos;
-  if (first == std::string::npos || std::isdigit(static_cast<unsigned char>((*text)[first])) == 0) {
-    return std::nullopt;
-  }
-  return parse_int(text->c_str());
-}
-
-// In a folder that fanctl link made a plain file stands in for what the chip does not have.
-bool is_filler(const std::string& folder, std::string_view name) {
-  struct stat status {};
-  return is_linked_folder(folder) && ::lstat(join({folder, "/", name}).c_str(), &status) == 0 &&
-         !S_ISLNK(status.st_mode);
-}
 
 std::optional<FanMode> read_mode(const std::string& folder) {
   std::string path = join({folder, "/", FAN_MODE});

@@ -234,8 +234,10 @@ TEST_CASE("the service: killed, halted, out of memory, stopped, called by its un
     if (contains(each.name, "folder gone")) {  // and the sensor, which was in it
       fs::remove_all(board.at(FAN));
       board.remove(SENSOR);
+      board.write(GUARD_RECORD, "number=1\nstands=yes\n");
     }
     const Fanctl run(board, each.arguments);
+    CHECK((board.record()["stands"] == "yes") == (each.status != 0));
     CHECK(run.status == each.status);
     CHECK(board.command() == each.command);
     CHECK_MESSAGE(contains(run.errors, each.says), run.errors);
