@@ -11,6 +11,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -29,6 +30,7 @@ namespace {
 constexpr mode_t kFileMode = 0600;
 constexpr int kPolls = 5000;
 constexpr std::chrono::duration<int, std::milli> kPollPeriod{2};
+constexpr std::chrono::microseconds kFirstPause{100};
 constexpr std::size_t kPiece = 4096;
 constexpr int kCannotExecute = 127;
 
@@ -118,9 +120,13 @@ Channel::Channel(Kind kind) {
 }
 
 bool eventually(const std::function<bool()>& condition) {
-  for (int poll = 0; poll < kPolls; ++poll) {
+  // Most conditions hold within a millisecond.
+  auto pause = kFirstPause;
+  const auto deadline = std::chrono::steady_clock::now() + kPolls * kPollPeriod;
+  while (std::chrono::steady_clock::now() < deadline) {
     if (condition()) return true;
-    std::this_thread::sleep_for(kPollPeriod);
+    std::this_thread::sleep_for(pause);
+    pause = std::min<std::chrono::microseconds>(2 * pause, kPollPeriod);
   }
   return false;
 }
