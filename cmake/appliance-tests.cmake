@@ -25,6 +25,8 @@ endif()
 function(add_appliance_tests program prefix)
   target_include_directories(${program} SYSTEM PRIVATE ${DOCTEST_INCLUDE_DIR})
   target_link_libraries(${program} PRIVATE appliance appliance_layout appliance_program)
+  # They are compiled in half the time, and run as fast.
+  target_compile_options(${program} PRIVATE $<$<CONFIG:Release>:-Og>)
   # The tests start the binaries themselves, so they have to know what runs them.
   list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " emulator)
   if(CMAKE_CROSSCOMPILING)
