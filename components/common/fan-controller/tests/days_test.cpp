@@ -156,11 +156,13 @@ void Dice::prepare(Model& model) {
   for (const auto& [name, content] :
        {std::pair("controller", settings), std::pair("cmd_tab", table)}) {
     const std::string path = CONFIG + "/fan_" + name + ".conf";
-    const bool isLate = oneIn(30);
-    if (isLate) model.remove(path), model.events.push_back({upTo(700), "write", path, content});
-    if (!isLate) model.files[path] = content + "\n";
+    model.files[path] = content + "\n";
+    if (!oneIn(30)) continue;
+    model.remove(path);
+    model.events.push_back({upTo(700), "write", path, content});
   }
-  const int cycles = 3 + upTo(40), seconds = cycles * model.period + upTo(5);
+  const int late = model.events.empty() ? 0 : upTo(1000);
+  const int cycles = 3 + upTo(40), seconds = late + cycles * model.period + upTo(5);
   for (int n = upTo(2 * cycles); n > 0; --n) model.events.push_back(event(model, upTo(seconds)));
   model.events.push_back({seconds, "signal", one("TERM TERM TERM INT"), ""});
   std::ranges::stable_sort(model.events, {}, &World::Event::at);
