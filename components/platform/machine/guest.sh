@@ -1,6 +1,6 @@
 # shellcheck shell=sh
-# Sourced by the programs of a stage inside of the machine: how they report to the host. For busybox's
-# shell as well as for bash.
+# Sourced by the programs of a stage inside of the machine: how they report to the host. For
+# busybox's shell as well as for bash.
 verdicts=0
 stty -F /dev/ttyS1 raw 2>/dev/null
 
@@ -20,7 +20,8 @@ check() {
     pass "$check_text"
   else
     failed "$check_text"
-    [ -z "$check_said" ] || echo "$check_said" | while IFS= read -r check_line; do note "  $check_line"; done
+    [ -z "$check_said" ] || echo "$check_said" |
+      while IFS= read -r check_line; do note "  $check_line"; done
   fi
 }
 

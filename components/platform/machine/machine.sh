@@ -2,9 +2,9 @@
 # Sourced by scripts/vm, after scripts/common.sh: what its stages share to boot a kernel under QEMU.
 # No root is needed, no KVM, no network inside. Everything lies in build/vm.
 #
-# A stage makes its file system, boots it and shows what the guest reports on its second serial port,
-# in lines that guest.sh writes: "PASS text", "FAIL text", "NOTE text" and at last "END count". All
-# else that the guest says goes to its first serial port, into the console's log.
+# A stage makes its file system, boots it and shows what the guest reports on its second serial
+# port, in lines that guest.sh writes: "PASS text", "FAIL text", "NOTE text", at last "END count".
+# All else that the guest says goes to its first serial port, into the console's log.
 # shellcheck disable=SC2034,SC2154 # variables for the stages, and from common.sh
 
 readonly vm=build/vm machine=components/platform/machine
@@ -14,7 +14,9 @@ machine_process=                    # QEMU, while it runs
 
 # --- Debian packages: unpacked, not installed ---
 
-candidate() { LC_ALL=C apt-cache policy "$1" | awk '$1 == "Candidate:" && $2 != "(none)" { print $2 }'; }
+candidate() {
+  LC_ALL=C apt-cache policy "$1" | awk '$1 == "Candidate:" && $2 != "(none)" { print $2 }'
+}
 
 # try_unpack PACKAGE: sets `unpacked`, the folder that it was unpacked into. Cached by its version.
 try_unpack() {
@@ -41,25 +43,30 @@ unpack() {
 # folder to look for modules in).
 need_kernel() {
   local package
-  find_kernel() { package=$(apt-cache depends linux-image-amd64 | awk '/Depends: linux-image-/ { print $2; exit }'); }
+  find_kernel() {
+    package=$(apt-cache depends linux-image-amd64 |
+      awk '/Depends: linux-image-/ && !found { print $2; found = 1 }')
+  }
   find_kernel
   [[ $package ]] || { quietly as_root apt-get update && find_kernel; }
   [[ $package ]] || fail 'there is no package linux-image-amd64'
   unpack "$package"
   version=${package#linux-image-}
   kernel=$unpacked/boot/vmlinuz-$version modules=$unpacked
-  [[ -e $unpacked/lib/modules/$version/modules.dep ]] || quietly /sbin/depmod -b "$unpacked" "$version"
+  [[ -e $unpacked/lib/modules/$version/modules.dep ]] ||
+    quietly /sbin/depmod -b "$unpacked" "$version"
 }
 
 # --- File systems ---
 
 # add_modules FOLDER MODULE...: copies these modules of the kernel and all that they need into
-# FOLDER/lib/modules, for modprobe there. FOLDER/modules.order gets their paths in the order to load.
+# FOLDER/lib/modules, for modprobe there. FOLDER/modules.order gets their paths, in the order to
+# load them.
 add_modules() {
-  local folder=$1 module path
+  local folder=$1 module path lists=lib/modules/$version
   shift
-  mkdir -p "$folder/lib/modules/$version"
-  cp "$modules/lib/modules/$version"/modules.{builtin,builtin.modinfo,order} "$folder/lib/modules/$version"
+  mkdir -p "$folder/$lists"
+  cp "$modules/$lists"/modules.{builtin,builtin.modinfo,order} "$folder/$lists"
   for module; do
     /sbin/modprobe -C /dev/null -d "$modules" -S "$version" --show-depends "$module" ||
       fail "the kernel $version has no module $module"
@@ -72,7 +79,7 @@ add_modules() {
   quietly /sbin/depmod -b "$folder" "$version"
 }
 
-# add_busybox FOLDER: the statically linked one, with sh. `busybox --install -s` there makes the rest.
+# add_busybox FOLDER: the statically linked one, with sh. `busybox --install -s` makes the rest.
 add_busybox() {
   unpack busybox-static
   mkdir -p "$1/bin"
@@ -80,8 +87,8 @@ add_busybox() {
   ln -sf busybox "$1/bin/sh"
 }
 
-# add_libraries FOLDER PROGRAM...: the shared libraries that programs of this machine need, under the
-# same paths. LD_LIBRARY_PATH may name a folder of more; what is found there goes to /usr/lib.
+# add_libraries FOLDER PROGRAM...: the shared libraries that programs of this machine need, under
+# the same paths. LD_LIBRARY_PATH may name a folder of more; what is found there goes to /usr/lib.
 add_libraries() {
   local folder=$1 library place
   shift
@@ -131,10 +138,10 @@ show_verdict() {
   esac
 }
 
-# boot NAME SECONDS [QEMU OPTION...]: boots `kernel`, for which the options name at least -initrd, and
-# shows the verdicts as they come. `append` may have more for the kernel's command line. Returns 1
-# when a check failed, the kernel ended by a panic, or the guest did not come to its end in this time;
-# that is counted, so a stage may go on with `|| true`.
+# boot NAME SECONDS [QEMU OPTION...]: boots `kernel`, for which the options name at least -initrd,
+# and shows the verdicts as they come. `append` may have more for the kernel's command line. Returns
+# 1 when a check failed, the kernel ended by a panic, or the guest did not come to its end in this
+# time; that is counted, so a stage may go on with `|| true`.
 boot() {
   local name=$1 seconds=$2 began=$SECONDS reason='' line='' part alive=yes verdicts
   local console=$vm/$1.console report=$vm/$1.report

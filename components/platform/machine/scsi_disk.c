@@ -24,7 +24,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-enum { BLOCK = 512, BLOCKS = 131072, ANSWER_MAX = BLOCK, LINE_MAX_ = 64 };
+enum { BLOCK = 512, BLOCKS = 131072, ANSWER_MAX = BLOCK, LINE_SIZE = 64 };
 
 /* SCSI status, sense keys and additional sense codes. */
 enum { GOOD = 0, CHECK_CONDITION = 2 };
@@ -46,7 +46,7 @@ enum {
   SERVICE_ACTION_IN_16 = 0x9E,
 };
 
-/* What a command is answered with. Data behind `size` is zero. */
+/* What a command is answered with. What the caller wants beyond the data is zero. */
 struct answer {
   uint8_t status;
   uint8_t sense[TCMU_SENSE_BUFFERSIZE];
@@ -55,13 +55,13 @@ struct answer {
 
 static const char *folder;
 
-static void read_line(const char *name, char line[LINE_MAX_]) {
+static void read_line(const char *name, char line[LINE_SIZE]) {
   char path[256];
   (void)snprintf(path, sizeof path, "%s/%s", folder, name);
   line[0] = '\0';
   FILE *file = fopen(path, "r");
   if (file == NULL) return;
-  if (fgets(line, LINE_MAX_, file) != NULL) line[strcspn(line, "\n")] = '\0';
+  if (fgets(line, LINE_SIZE, file) != NULL) line[strcspn(line, "\n")] = '\0';
   (void)fclose(file);
 }
 
@@ -76,7 +76,7 @@ static void write_line(const char *name, const char *mode, const char *line) {
 
 /* A command for which the disk has to turn, or to talk at least. */
 static void log_command(const char *command, bool turns) {
-  char power[LINE_MAX_];
+  char power[LINE_SIZE];
   read_line("power", power);
   write_line("log", "a", command);
   if (!turns || strcmp(power, "standby") != 0) return;
@@ -110,7 +110,7 @@ static void put_padded(uint8_t *place, size_t size, const char *text) {
 /* --- ATA --- */
 
 static void identify(struct answer *answer) {
-  char text[LINE_MAX_];
+  char text[LINE_SIZE];
   log_command("identify", true);
   read_line("serial", text);
   put_ata_text(answer->data + 20, 20, text);
@@ -119,7 +119,7 @@ static void identify(struct answer *answer) {
 }
 
 static void read_smart_data(struct answer *answer) {
-  char text[LINE_MAX_];
+  char text[LINE_SIZE];
   log_command("smart data", true);
   read_line("temperature", text);
   /* Attributes of 12 bytes follow the revision: number, flags, value, worst, six bytes raw. */
@@ -145,7 +145,7 @@ static void return_registers(struct answer *answer, uint8_t count) {
 
 /* Strict: a command that a drive would refuse is refused. */
 static void pass_through(const uint8_t *cdb, struct answer *answer) {
-  char power[LINE_MAX_];
+  char power[LINE_SIZE];
   read_line("power", power);
   if (strcmp(power, "silent") == 0) {
     refuse(answer, ILLEGAL_REQUEST, INVALID_COMMAND);
@@ -177,7 +177,7 @@ static void inquire(const uint8_t *cdb, struct answer *answer) {
     refuse(answer, ILLEGAL_REQUEST, INVALID_FIELD);
     return;
   }
-  char model[LINE_MAX_];
+  char model[LINE_SIZE];
   read_line("model", model);
   answer->data[2] = 5; /* SPC-3 */
   answer->data[3] = 2;
