@@ -28,10 +28,12 @@ void expect_own_places() {
   }
 }
 
-// Puts the pieces to the paths and runs a subcommand.
+// Puts the pieces to the paths, of which the last may keep what they hold, and runs a subcommand.
 template <typename Work>
 void with_files(const Input& input, std::initializer_list<const char*> paths, Work work) {
-  for (std::size_t i = 0; const char* path : paths) machine::put(path, input.piece(i++));
+  for (std::size_t i = 0; const char* path : paths) {
+    if (i < input.pieces.size()) machine::put(path, input.pieces[i++]);
+  }
   machine::run(work);
   expect_own_places();
 }
@@ -64,7 +66,8 @@ void read_lines(const Input& input) {
       const bool ofTable = finding.place.substr(0, colon) == kTable;
       expect(ofTable || finding.place.substr(0, colon) == kSettings);
       const auto line = std::stoul(finding.place.substr(colon + 1));
-      const auto lines = std::ranges::count(input.piece(ofTable ? 1 : 0), '\n') + 1;
+      const auto lines =
+          std::ranges::count(machine::text_of(ofTable ? kTable : kSettings), '\n') + 1;
       expect(line >= 1 && line <= static_cast<std::size_t>(lines));
     }
   });
