@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <climits>
+
 #include "state.h"
 #include "utils.h"
 
@@ -24,10 +26,10 @@ std::optional<std::time_t> flag_since(const char* flag) {
 
 GuardRecord read_guard_record() {
   State state = read_state(GUARD_RECORD);
-  return {parse_int(state["number"].c_str()),
+  return {static_cast<int>(number_in(state["number"], INT_MAX - 1)),
           state["stands"] == "yes",
           state["failed"] == "yes",
-          static_cast<std::time_t>(std::strtoll(state["since"].c_str(), nullptr, 10)),
+          static_cast<std::time_t>(number_in(state["since"], LATEST_MOMENT)),
           state["reasons"],
           state["temperature"],
           state["text"]};

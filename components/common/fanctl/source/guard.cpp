@@ -137,7 +137,7 @@ bool seem_blind(const DiskList& list) {
 bool is_time_for_disks() {
   const std::string path = join({RUN_FOLDER, "/guard"});
   const std::time_t now = std::time(nullptr);
-  const auto last = std::strtoll(read_state(path)["disks_asked"].c_str(), nullptr, 10);
+  const auto last = number_in(read_state(path)["disks_asked"], LATEST_MOMENT);
   if (last <= now && now - last < kDiskPause) return false;
   (void)write_state(path, {{"disks_asked", std::to_string(now)}});
   return true;

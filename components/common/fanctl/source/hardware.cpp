@@ -23,7 +23,7 @@ void row(const std::string& name, const std::string& value, const std::string& u
   std::string line =
       join({"  ", padded(name, kNameWidth), padded(value, kValueWidth - 1), " ", use});
   line.erase(line.find_last_not_of(' ') + 1);
-  (void)std::printf("%s\n", line.c_str());
+  (void)std::printf("%s\n", printable(line).c_str());
 }
 
 // How to name a channel or a temperature to `fanctl link`: as short as it stays unmistakable.

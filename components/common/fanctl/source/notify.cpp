@@ -197,8 +197,11 @@ State::iterator first_of(State& told, std::string_view beginning) {
   return told.lower_bound(std::string(beginning));
 }
 
+// Of the newest event, or of the last one that a hook took.
+int serial_in(const std::string& value) { return static_cast<int>(number_in(value, INT_MAX - 1)); }
+
 void note_event(State& told, const Notice& notice) {
-  const int serial = parse_int(told["serial"].c_str()) + 1;
+  const int serial = serial_in(told["serial"]) + 1;
   told["serial"] = std::to_string(serial);
   told[event_key(serial)] = join(
       {notice.event, " ", notice.temperature.empty() ? "-" : notice.temperature, " ", notice.text});
@@ -264,10 +267,10 @@ void note_hooks(State& told, const std::vector<std::string>& hooks) {
 
 // Forgets the events that all hooks have taken, and the oldest ones when there are too many.
 void drop_events(State& told) {
-  int taken = parse_int(told["serial"].c_str());
+  int taken = serial_in(told["serial"]);
   for (auto hook = first_of(told, kHookKey);
        hook != told.end() && hook->first.starts_with(kHookKey); ++hook) {
-    taken = std::min(taken, parse_int(hook->second.c_str()));
+    taken = std::min(taken, serial_in(hook->second));
   }
   auto event = first_of(told, kEventKey);
   while (event != told.end() && event->first.starts_with(kEventKey) &&
@@ -314,7 +317,7 @@ std::string run(Hooks& hooks, const std::string& name, const Notice& notice) {
 bool is_old_failure(State& told, const std::string& hook, const std::string& problem) {
   constexpr long long kHour = 3600;
   std::string& known = told[hook_key(hook, kFailureKey)];
-  const long long now = std::time(nullptr), then = std::strtoll(known.c_str(), nullptr, 10);
+  const long long now = std::time(nullptr), then = number_in(known, LATEST_MOMENT);
   const std::size_t blank = known.find(' ');
   const bool isSame = blank != std::string::npos && known.substr(blank + 1) == problem;
   if (isSame && now - then < kHour && then - now < kHour) return true;
@@ -344,7 +347,7 @@ bool tell(State& told, Hooks& hooks) {
     const Notice notice = read_event(value);
     for (const auto& name : hooks.names) {
       std::string& taken = told[hook_key(name)];
-      if (parse_int(taken.c_str()) >= serial || hooks.failed.contains(name)) continue;
+      if (serial_in(taken) >= serial || hooks.failed.contains(name)) continue;
       const std::string problem = run(hooks, name, notice);
       if (problem.empty()) {
         taken = std::to_string(serial);

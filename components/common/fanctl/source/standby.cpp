@@ -79,7 +79,7 @@ void recall(Standby& standby) {
   const bool isSame = memory["process"] == join({standby.service.process}) &&
                       memory["started"] == join({standby.service.started});
   if (!isSame) return;
-  standby.asleep = parse_int(memory["asleep"].c_str());
+  standby.asleep = static_cast<int>(number_in(memory["asleep"], kRunsAsleep));
   standby.isStuck = memory["asking"] == "yes";
   for (std::size_t mode = 0; mode < kModeNames.size(); ++mode) {
     if (memory["mode"] == kModeNames[mode]) standby.mode = static_cast<Mode>(mode);

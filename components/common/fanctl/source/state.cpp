@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 
 #include "files.h"
 #include "settings.h"
@@ -16,6 +17,11 @@ State read_state(const std::string& path) {
   Setting line;
   while (file && next_setting(file.get(), line)) state[line.key] = line.value;
   return state;
+}
+
+long long number_in(const std::string& value, long long most) {
+  const long long number = std::strtoll(value.c_str(), nullptr, 10);
+  return number >= 0 && number <= most ? number : 0;
 }
 
 bool write_state(const std::string& path, const State& state) {

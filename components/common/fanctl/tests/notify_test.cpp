@@ -126,6 +126,19 @@ TEST_CASE("what is known before anything was told") {
   CHECK(board.notify() == "a:fan_working b:fan_working ");
 }
 
+TEST_CASE("numbers that notify has not written count as 0") {
+  for (const std::string number : {"2147483647", "-2147483648", "-9223372036854775808"}) {
+    CAPTURE(number);
+    NotifyBoard board;
+    board.write(kTold, "service=running\nfan=working\nserial=" + number + "\nhook.a=" + number +
+                           "\nfailure.a=" + number + " it ended with status 1\n");
+    board.write(kFan, "");
+    board.hook("b", "exit 1");
+    CHECK(board.notify(1) == "a:fan_failed ");
+    CHECK(board.notify(1).empty());
+  }
+}
+
 TEST_CASE("the real service's alert, and what a hook is given") {
   NotifyBoard board;
   board.service(false);
