@@ -41,15 +41,19 @@ void limit(__rlimit_resource resource, rlim_t most) {
 
 // The emulator or env, the library, the binary and its arguments.
 std::vector<std::string> commandLine(const Appliance& appliance, const Program::Start& start) {
-  // The path of the library itself may hold a blank or a colon, where LD_PRELOAD ends a name.
-  const std::string library = appliance.at("/appliance.so");
-  if (!fs::is_symlink(library)) fs::create_symlink(APPLIANCE_LIBRARY, library);
+  // The path of a library itself may hold a blank or a colon, where LD_PRELOAD ends a name.
+  const auto linked = [&](const std::string& name, const std::string& library) {
+    if (!fs::is_symlink(appliance.at(name))) fs::create_symlink(library, appliance.at(name));
+    return appliance.at(name);
+  };
+  std::string libraries = linked("/appliance.so", APPLIANCE_LIBRARY);
+  if (!start.preload.empty()) libraries = linked("/preload.so", start.preload) + ":" + libraries;
   // It is meant for the program alone, not for what runs it.
   const char* const emulator = std::getenv("APPLIANCE_EMULATOR");
   const bool emulated = emulator != nullptr && *emulator != '\0';
   std::istringstream runner(emulated ? std::string(emulator) + " -E" : "env");
   std::vector<std::string> words(std::istream_iterator<std::string>(runner), {});
-  words.push_back("LD_PRELOAD=" + library);
+  words.push_back("LD_PRELOAD=" + libraries);
   words.push_back(start.binary);
   words.insert(words.end(), start.arguments.begin(), start.arguments.end());
   return words;

@@ -54,6 +54,7 @@ class Program {
     int output = -1;    // standard output; the appliance's file /out by default
     int terminal = -1;  // a terminal: the program leads a session on it
     Limits limits = {};
+    std::string preload = {};  // a library that stands before the simulation
   };
 
   // Returns when the process that was started has ended, and has left a daemon or not. Standard
