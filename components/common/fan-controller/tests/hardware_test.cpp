@@ -64,6 +64,9 @@ TEST_CASE("discovery") {
     bench.m_fanAlarmPath = each.configured;
     const std::string text = traced([&] { bench.detectProductConfig(); });
     CHECK(contains(text, each.trace));
+    const std::string prefix = "fan-ctrl.cpp:detectProductConfig ";
+    CHECK(text.starts_with(prefix + "Get current entries in sysfs /sys/fan\n" + prefix +
+                           "Keep sysfs entry: /sys/fan/") == (each.directory == FAN));
     CHECK(bench.m_fanDriverType == each.type);
     CHECK(bench.m_curCmd->m_driverPath == each.command);
     CHECK(bench.m_fanAlarmPath == each.alarm);
@@ -127,7 +130,7 @@ TEST_CASE("the hottest disk decides, and the status file pairs list and map") {
   Bench bench;
   bench.m_dumpInfoFile = bench.at(STATUS);
   const auto refresh = [&](bool activateSmart) {
-    return traced([&] { bench.updateMaxTempHDD(activateSmart); });
+    return traced([&] { CHECK(bench.updateMaxTempHDD(activateSmart) == -1); });
   };
   bench.write("/proc/partitions", "sda\nsda1\nsdb\nsdc\nsdd\n");
   bench.disk("sda", "model=ZZ\nserial=1\ntemperature=54\n");

@@ -300,7 +300,9 @@ TEST_CASE("a fifo's reader may come late, and go away at any time") {
 TEST_CASE("a reader who stops reading costs a second once, and whole lines") {
   for (const auto kind : {Channel::kPipe, Channel::kTerminal}) {
     CAPTURE(kind);
-    const Product product("", kSettings + "period_in_sec=1\n");
+    std::string settings = kSettings + "period_in_sec=1\n";
+    for (int line = 0; line < 200; ++line) settings += "pid_file=" + std::string(900, 'x') + "\n";
+    const Product product("", settings + "pid_file=" + PID_FILE + "\n");
     Channel channel(kind);
     Service service(product, {"--verbose", "-c", CONFIG}, channel.writer->number);
     channel.writer.reset();
@@ -328,6 +330,10 @@ TEST_CASE("a pipe among the files of the hardware is no value, and holds nothing
       product.write("/sys/alarm", "0\n");
       product.remove(pipe);
       REQUIRE(::mkfifo(product.at(pipe).c_str(), 0600) == 0);
+      if (pipe == SENSOR) {  // then the disks are measured, and one of them is a pipe as well
+        product.remove("/dev/sda");
+        REQUIRE(::mkfifo(product.at("/dev/sda").c_str(), 0600) == 0);
+      }
       const Handle writer(held ? ::open(product.at(pipe).c_str(), O_RDWR | O_CLOEXEC) : -1);
       const std::string text = product.run();
       CHECK(contains(text, "Match a fan driver I2C interface\n"));
@@ -350,4 +356,16 @@ TEST_CASE("a select that fails is traced, and the service goes on") {
   product.write("/select", "-1");
   CHECK(contains(product.run(), " corrupted after select() returned\n"));
   CHECK(product.journal({"select"}) == Lines(3, "select 180 nfds=1"));
+}
+
+TEST_CASE("no file takes the place of a standard descriptor that the caller has closed") {
+  const char* const emulator = std::getenv("APPLIANCE_EMULATOR");
+  if (emulator != nullptr && *emulator != '\0') return;  // which does not run this machine's shell
+  const Product product("", kSettings + "dump_info_to_file=" + STATUS + "\n");
+  Program service(product, {"/bin/sh",
+                            {"-c", "exec \"$0\" \"$@\" <&- >&- 2>&-", FAN_CONTROLLER_BINARY, "-o",
+                             "--verbose", "-c", CONFIG}});
+  CHECK(service.wait_end() == 0);
+  CHECK(product.command() == "150");
+  CHECK(product.read(STATUS).starts_with("# Tarvo"));
 }
