@@ -36,17 +36,21 @@ TEST_CASE("discovery") {
   const File other = {"/sys/alarm", "0\n"}, otherSilent = {"/sys/alarm", ""};
   const File extra = {FAN + "/extra", ""}, ownSilent = {kOwnAlarm, ""};
   const Discovery discoveries[] = {
-      {.trace = "mode is open-loop\n"},
+      {.trace = "Fan mode is open-loop\n"},
       {.file = {kMode, "2\n"}, .command = kTarget, .trace = close},
-      {.file = {kMode, "02\n"}, .trace = "mode is open-loop\n"},
+      {.file = {kMode, "02\n"}, .trace = "Fan mode is open-loop\n"},
       {.file = {kMode, ""}, .trace = i2c + "\n"},
       {.type = GPIO, .file = {kMode, "2\n"}, .command = kTarget, .trace = gpio},
-      {.type = NONE, .file = extra, .command = "", .alarm = "", .trace = FAN + " does not match w"},
+      {.type = NONE,
+       .file = extra,
+       .command = "",
+       .alarm = "",
+       .trace = "Sysfs entries in " + FAN + " does not match w"},
       {.type = NONE,
        .directory = kPwm,
        .command = "",
        .alarm = "",
-       .trace = "pwm1does not exist or"},
+       .trace = "config dir " + kPwm + "does not exist or"},
       // The alarm: configured, readable or not, or the driver's own, even if it is silent now.
       {.file = other, .configured = other.first, .alarm = other.first},
       {.file = otherSilent, .configured = other.first},
@@ -63,7 +67,7 @@ TEST_CASE("discovery") {
     bench.m_fanDriverSysfsDir = each.directory;
     bench.m_fanAlarmPath = each.configured;
     const std::string text = traced([&] { bench.detectProductConfig(); });
-    CHECK(contains(text, each.trace));
+    CHECK(contains(text, " " + each.trace));
     const std::string prefix = "fan-ctrl.cpp:detectProductConfig ";
     CHECK(text.starts_with(prefix + "Get current entries in sysfs /sys/fan\n" + prefix +
                            "Keep sysfs entry: /sys/fan/") == (each.directory == FAN));
@@ -89,6 +93,7 @@ TEST_CASE("temperature and identity of one disk") {
     const Handle sda(::open("/dev/sda", O_RDONLY));
     CHECK(traced([&] { CHECK(get_smart_attr_value(sda.number) == temperature); }) == trace);
     CHECK(get_identify_data(sda.number) == identity);
+    traced([&] { CHECK(unable_smart_feature(sda.number) == (trace.empty() ? 1 : 0)); });
   };
   const std::string entry = "c22200404028000f00320000", other = "0922006464ff000000000000";
   const std::string silent = "Model: \tSerial Nb : " + kBlanks, nuls(40, '\0');
