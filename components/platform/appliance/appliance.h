@@ -13,12 +13,15 @@
 //                    removed outside the root (/dev/null apart): there should be none
 //   <root>/timeline  what shall happen while the program waits, in ascending order of seconds:
 //                    `<seconds> write <path> <text>`, `<seconds> remove <path>`,
-//                    `<seconds> mode <path> <octal>`, `<seconds> signal <NAME>`; in an enclosure
+//                    `<seconds> mode <path> <octal>`, `<seconds> signal <NAME>`, where \n in a text
+//                    is a line feed; in an enclosure
 //                    `<seconds> load <sdX or all> <idle, seek or standby>`, `<seconds> outside
 //                    <degrees>`, `<seconds> fan <blocked or free>`, `<seconds> dust <factor>`,
 //                    `<seconds> celsius <degrees>,<degrees>...`: measured temperatures of the
 //                    disks, the first one the sensor's too, instead of what the heat would make of
 //                    them
+//   <root>/watched   files, a path a line, that the journal shows at the beginning of a wait when
+//                    they have changed since the one before: `holds <path> <text>`, or `lacks <path>`
 //   <root>/clock     when it is there at the first wait: the seconds since the start, for all
 //                    programs; time passes only when somebody writes it anew, in one step. What a
 //                    program has come to before it really waits stands in <root>/clock_reached.

@@ -12,9 +12,11 @@
 #include <cstdlib>
 #include <ctime>
 #include <limits>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "appliance.h"
 #include "simulation.h"
@@ -29,6 +31,7 @@ constexpr Microseconds kLongestNap = 3600 * kSecond;       // of real waiting, k
 constexpr std::size_t kLineUsual = std::size_t{4} * 1024;  // of the timeline
 constexpr std::size_t kLineMax = std::size_t{256} * 1024;
 constexpr std::size_t kScriptMax = 32;
+constexpr std::size_t kWatchedMax = 2048;  // of a watched file
 constexpr long kLookAgain = 500'000;  // nanoseconds between two looks at <root>/clock
 constexpr mode_t kFileMode = 0644;
 constexpr int kOctal = 8;
@@ -200,6 +203,16 @@ std::optional<Place> eventFrom(off64_t offset) {
   }
 }
 
+// A text of several lines: each \n of two characters is a line feed.
+std::string unfolded(std::string_view text) {
+  std::string lines;
+  for (std::size_t end = 0; (end = text.find("\\n")) != std::string_view::npos;) {
+    lines.append(text.substr(0, end)).push_back('\n');
+    text.remove_prefix(end + 2);
+  }
+  return lines.append(text);
+}
+
 // Replaces the content and keeps the permissions, as a driver does with its attribute; what the
 // permissions forbid to the program is not forbidden to the timeline.
 bool replaceContent(const char* path, const std::string& text) {
@@ -219,7 +232,7 @@ bool changeFile(const Event& event) {
   PathBuffer buffer;
   const char* const path = belowRoot(event.object.c_str(), buffer);
   if (path == nullptr) return false;
-  if (event.action == "write") return replaceContent(path, event.text);
+  if (event.action == "write") return replaceContent(path, unfolded(event.text));
   if (event.action == "remove") return unlinkat(AT_FDCWD, path, 0) == 0;
   if (event.action == "mode" && !event.text.empty()) {
     const auto mode = static_cast<mode_t>(std::strtoul(event.text.c_str(), nullptr, kOctal));
@@ -268,12 +281,35 @@ bool happen(const Event& event) {
   return false;
 }
 
+// What the journal says of each watched file.
+std::map<std::string, std::string>& watched() {
+  static std::map<std::string, std::string> files;
+  return files;
+}
+
+void lookAtWatched() {
+  const std::string list = readFile(std::string(root()) + "/watched", kLineUsual);
+  for (std::string_view rest = list; !rest.empty();) {
+    const std::string path(cut(rest, '\n'));
+    PathBuffer buffer;
+    struct stat64 status;
+    const char* const real = belowRoot(path.c_str(), buffer);
+    if (real == nullptr) continue;
+    const std::string text = readFile(real, kWatchedMax).c_str();
+    const bool isThere = !text.empty() || fstatat64(AT_FDCWD, real, &status, 0) == 0;
+    const std::string said = isThere ? path + ' ' + text : path;
+    if (std::exchange(watched()[path], said) == said) continue;
+    record(isThere ? "holds" : "lacks", "%s", said.c_str());
+  }
+}
+
 struct Wait {
   Microseconds rest;
   bool interrupted;
 };
 
 Wait wait(Microseconds length) {
+  lookAtWatched();
   if (const auto given = clock.follows ? std::nullopt : givenTime()) {
     clock.follows = true;
     clock.elapsed = *given;
@@ -370,6 +406,7 @@ void appliance_reset() {
   appliance::clock.elapsed = 0;
   appliance::clock.timeline = 0;
   forgetEnclosure();
+  watched().clear();
   appliance::clock.follows = false;
 }
 

@@ -16,14 +16,14 @@ const std::string kBlanks(20, ' ');
 using File = std::pair<std::string, std::string>;
 
 const std::string kPwm = FAN + "/pwm1", kTarget = FAN + "/fan1_target", kMode = kPwm + "_enable";
-const std::string kOwnAlarm = FAN + "/fan1_alarm", kOtherAlarm = "/sys/alarm";
+const std::string kOwnAlarm = FAN + "/fan1_alarm";
 
 // What is found, and a part of the trace; the directory's own alarm in the end if nothing else is
 // said. One file is other than the driver has it at first.
 struct Discovery {
   FanDriverType type = FAN_DRIVER_I2C;
   File file = {kMode, "0\n"};
-  std::string directory = FAN, configured = {}, command = kPwm, alarm = kOwnAlarm, trace = {};
+  std::string directory = FAN, command = kPwm, alarm = kOwnAlarm, trace = {};
 };
 
 TEST_CASE("discovery") {
@@ -33,7 +33,6 @@ TEST_CASE("discovery") {
   const std::string fanless =
       "Unable to find appropriate fan entries in sysfs - consider a fanless product";
   const std::string outcomes[] = {"4 " + fanless, "6 " + gpio, "6 " + i2c};
-  const File other = {"/sys/alarm", "0\n"}, otherSilent = {"/sys/alarm", ""};
   const File extra = {FAN + "/extra", ""}, ownSilent = {kOwnAlarm, ""};
   const Discovery discoveries[] = {
       {.trace = "Fan mode is open-loop\n"},
@@ -51,10 +50,7 @@ TEST_CASE("discovery") {
        .command = "",
        .alarm = "",
        .trace = "config dir " + kPwm + "does not exist or"},
-      // The alarm: configured, readable or not, or the driver's own, even if it is silent now.
-      {.file = other, .configured = other.first, .alarm = other.first},
-      {.file = otherSilent, .configured = other.first},
-      {.file = ownSilent, .configured = other.first, .alarm = other.first},
+      // Even if it is silent now.
       {.file = ownSilent},
       {.type = GPIO, .file = ownSilent, .command = kTarget},
   };
@@ -65,7 +61,6 @@ TEST_CASE("discovery") {
     bench.fan(FAN, each.type == GPIO);
     bench.write(each.file.first, each.file.second);
     bench.m_fanDriverSysfsDir = each.directory;
-    bench.m_fanAlarmPath = each.configured;
     const std::string text = traced([&] { bench.detectProductConfig(); });
     CHECK(contains(text, " " + each.trace));
     const std::string prefix = "fan-ctrl.cpp:detectProductConfig ";
@@ -130,62 +125,26 @@ TEST_CASE("which disks a partition list names") {
   CHECK(devices(wide + "sdb1\n 8 0 9 sdc\n") == Lines{"/dev/sdb", "/dev/sdc"});
 }
 
-TEST_CASE("the hottest disk decides, and the status file pairs list and map") {
-  ::setenv("APPLIANCE_EPOCH", "1767776703", 1);  // 7 January 2026, 09:05:03
+TEST_CASE("disks are asked and traced in order; a NUL ends the status file") {
   Bench bench;
   bench.m_dumpInfoFile = bench.at(STATUS);
-  const auto refresh = [&](bool activateSmart) {
-    return traced([&] { CHECK(bench.updateMaxTempHDD(activateSmart) == -1); });
-  };
-  bench.write("/proc/partitions", "sda\nsda1\nsdb\nsdc\nsdd\n");
-  bench.disk("sda", "model=ZZ\nserial=1\ntemperature=54\n");
-  bench.disk("sdc", kDiskA + "temperature=58\n");
-  bench.disk("sdd", kDiskA + "temperature=55\n");
-  const std::string trace = refresh(true);
-  CHECK(
-      trace.starts_with("fan-ctrl.cpp:updateMaxTempHDD hdd /dev/sda is present \n"
-                        "fan-ctrl.cpp:updateMaxTempHDD Activate smart feature set on device "
-                        "/dev/sda\n"
-                        "fan-ctrl.cpp:updateMaxTempHDD /dev/sda returned temp=54degC\n"
-                        "fan-ctrl.cpp:updateMaxTempHDD hdd /dev/sdb is present \n"
-                        "fan-ctrl.cpp:updateMaxTempHDD and cannot be opened\n"));
-  CHECK(contains(trace, "fan-ctrl.cpp:updateMaxTempHDD TMAX = 58\n"));
-  CHECK(bench.m_currentTemp == 58);
-  CHECK(bench.m_curCmd->m_currentCmd == 255);
-  const Lines commands = bench.journal({"sg_io"});
+  bench.write("/proc/partitions", "sda\nsda1\nsdb\n");
+  bench.disk("sda", "model_hex=4100\nserial=1\ntemperature=31\n");
+  const std::string prefix = "fan-ctrl.cpp:updateMaxTempHDD ";
+  CHECK(traced([&] { CHECK(bench.updateMaxTempHDD(true) == -1); })
+            .starts_with(prefix + "hdd /dev/sda is present \n" + prefix +
+                         "Activate smart feature set on device /dev/sda\n" + prefix +
+                         "/dev/sda returned temp=31degC\n" + prefix + "hdd /dev/sdb is present \n" +
+                         prefix + "and cannot be opened\n" + prefix + "TMAX = 31\n"));
   const std::string with = " dir=-3 len=512 sense=32 timeout=20000 ok";
-  REQUIRE(commands.size() == 9);
-  CHECK(Lines(commands.begin(), commands.begin() + 3) ==
+  CHECK(bench.journal({"sg_io"}) ==
         Lines{"sg_io sda 85060c00d800000000004f00c200b000 dir=-1 len=0 sense=32 timeout=20000 ok",
               "sg_io sda 85080e00d000010000004f00c200b000" + with,
               "sg_io sda 85080e000000010000004f00c200ec00" + with});
-  const std::string header =
-      "# Tarvo Fan Controller Service\n# Current state for HDD temperatures\n"
-      "# 55degC is considered as the alert level for HDD temperature\n"
-      "# System time : 9:5:3\t7-1-2026\n";
-  CHECK(*bench.m_infoString ==
-        header + "/dev/sda_is_HOT ; Temp HDD1 = 55degC  [" + kIdentityA + "]\n" +
-            "/dev/sdb_is_OK ; Temp HDD2 = 54degC  [Model: ZZ\tSerial Nb : 1" + kBlanks.substr(1) +
-            "]\n");
-
-  // A disk that is gone is forgotten. A NUL in an identity ends the text in the file, not the text
-  // that is kept.
-  bench.write("/proc/partitions", "sda\n");
-  bench.disk("sda", "model_hex=4100\nserial=1\ntemperature=31\n");
-  refresh(false);
-  CHECK(bench.journal({"sg_io"}).size() == 2);
-  CHECK(bench.m_previousTemp == 58);
-  const std::string cut = header + "/dev/sda_is_OK ; Temp HDD1 = 31degC  [Model: A";
-  CHECK(bench.read(STATUS) == cut);
+  const std::string text = bench.read(STATUS);
+  CHECK(text.ends_with("\n/dev/sda_is_OK ; Temp HDD1 = 31degC  [Model: A"));
+  CHECK(bench.m_infoString->starts_with(text));
   CHECK(bench.m_infoString->ends_with("]\n"));
-  CHECK(bench.m_infoString->starts_with(cut));
-
-  // No list of partitions: nothing but the device list changes.
-  bench.remove("/proc/partitions");
-  CHECK(refresh(false).empty());
-  CHECK(bench.m_hddDevices.empty());
-  CHECK(bench.m_hddTempMap.size() == 1);
-  CHECK(bench.m_previousTemp == 58);
 }
 
 static FanController* running = nullptr;

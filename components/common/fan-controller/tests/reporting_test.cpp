@@ -129,60 +129,28 @@ TEST_CASE("what each alert reports, and when") {
   }
 }
 
-TEST_CASE("a library that refuses or is slow") {
-  for (const int empty : {-1, 0, 30, 31}) {
-    CAPTURE(empty);
-    const bool refuses = empty < 0;
-    Bench bench;
-    corvaneInitResult = refuses ? -1 : 0;
-    corvaneEmptyFetches = empty;
-    bench.alertNotification(kNoConfig);
-    CHECK(bench.m_missingConfigAlertRaised == !refuses);
-    Lines expected = kFrameBegin;
-    for (int n = 0; n < empty && n < 30; ++n)
-      expected = expected + Lines{"corvane get 16", "sleep 10"};
-    if (empty > 30) expected.push_back("syslog 3 Empty result for resource");
-    expected = expected + status("MissingConfig") + kFrameEnd;
-    if (refuses)
-      expected = {"corvane init", "syslog 3 no communication with libcorvane, exit alertnotify\\n"};
-    CHECK(bench.journal({"corvane", "sleep", "syslog"}) == expected);
-  }
-}
-
-TEST_CASE("start-up waits for the library, and goes on without a pid file") {
-  const Lines retries = {"corvane get 16", "sleep 10", "corvane get 16", "sleep 10"};
-  const Lines begins = {
-      "syslog 4 Unable to find appropriate fan entries in sysfs - consider a fanless product",
-      "corvane init", "syslog 6 getting corvane fan config", "corvane get 16"};
-  for (const bool writable : {true, false}) {
-    Bench bench;
-    bench.config("#\n", TABLE);
-    bench.write(HIGH_TEMP_FLAG, "");
-    bench.m_lastTempAlert = bench.m_lastFanAlert = U;
-    if (!writable) bench.m_pidFile = "/sys/none/pid";
-    corvaneEmptyFetches = 2;
-    bench.endlessWatcher(true);
-    CHECK(bench.journal({"corvane", "sleep", "syslog"}) ==
-          (writable ? begins + Lines{"syslog 6 ret 1"} + retries
-                    : kFrameBegin + retries + kFrameEnd + begins + Lines{"syslog 6 ret 0"}));
-    CHECK(bench.m_lastTempAlert == H);
-    CHECK(bench.m_lastFanAlert == W);
-  }
-}
-
-TEST_CASE("a dropped alert is raised again; an alert within an alert has its own connection") {
+TEST_CASE("a library that refuses or never delivers; start-up without a pid file") {
   Bench bench;
-  bench.m_tempSensorPath = SENSOR;
-  bench.m_lastFanAlert = F;
-  bench.write(SENSOR, "60000\n");
-  for (const int result : {-1, 0}) {
-    corvaneInitResult = result;
-    bench.alertNotification(W);
-    bench.refreshTemperature(false);
-    const Lines told = kFrameBegin + status("FanRaisedFromDead") + kFrameBegin +
-                       status("TemperatureAlert") + kFrameEnd + kFrameEnd;
-    CHECK(bench.journal({"corvane"}) == (result == 0 ? told : Lines(2, "corvane init")));
-  }
+  corvaneInitResult = -1;
+  bench.alertNotification(kNoConfig);
+  CHECK(bench.journal({"corvane", "syslog"}) ==
+        Lines{"corvane init", "syslog 3 no communication with libcorvane, exit alertnotify\\n"});
+  corvaneInitResult = 0;
+  corvaneEmptyFetches = 31;
+  bench.alertNotification(kNoConfig);
+  CHECK(bench.journal({"corvane", "syslog"}) == kFrameBegin + Lines(30, "corvane get 16") +
+                                                    Lines{"syslog 3 Empty result for resource"} +
+                                                    status("MissingConfig") + kFrameEnd);
+  bench.config("#\n", TABLE);
+  bench.m_pidFile = "/sys/none/pid";
+  corvaneEmptyFetches = 1;
+  bench.endlessWatcher(true);
+  CHECK(bench.journal({"corvane", "syslog"}) ==
+        kFrameBegin + Lines{"corvane get 16"} + kFrameEnd +
+            Lines{"syslog 4 Unable to find appropriate fan entries in sysfs - consider a fanless "
+                  "product",
+                  "corvane init", "syslog 6 getting corvane fan config", "corvane get 16",
+                  "syslog 6 ret 0"});
 }
 
 TEST_CASE("flag files in a folder that is everybody's") {
@@ -241,71 +209,31 @@ TEST_CASE("a link in the place of the critical flag is no flag") {
   CHECK_FALSE(bench.exists(HIGH_TEMP_FLAG));
 }
 
-// One call a reading: 0, 1, x (" 1") or - (unreadable). restarts: what each restart attempt finds
-// after its ten seconds. results: per call, . nothing, r restarted, F failed, W working.
-struct Supervision {
-  int last = W;
-  std::string readings, restarts = {}, results;
-  int counter = 0, command = -1;
-};
-
-TEST_CASE("fan alarm: readings in, alerts out") {
-  const Supervision supervisions[] = {
-      {.readings = "00x-", .results = "...."},
-      // Selection takes its own command again.
-      {.readings = "1010", .restarts = "00", .results = "r.r.", .command = 200},
-      {.readings = "1100000", .restarts = "1", .results = "F...W..", .command = 200},
-      {.last = F, .readings = "xxx", .results = "..W", .command = 200},  // other text is no alarm
-      {.last = F, .readings = "001000", .results = ".....W", .command = 200},
-      // What cannot be read neither counts nor resets, and selects nothing after a restart.
-      {.last = F, .readings = "0-0-0", .results = "....W", .command = 200},
-      {.last = F, .readings = "0100", .results = "....", .counter = 2},
-      {.readings = "1", .restarts = "-", .results = "r", .command = 90},
-      {.last = U, .readings = "1010", .results = "...."},
-  };
-  const std::map<char, std::string> texts = {{'-', ""}, {'x', " 1\n"}, {'0', "0\n"}, {'1', "1\n"}};
-  const std::string attribute = "/sys/alarm", prefix = "fan-ctrl.cpp:getFanAlarm ";
-  for (const Supervision& each : supervisions) {
-    CAPTURE(each.readings);
+// What a reading of the alarm traces, from a memory and a count of clear readings before.
+TEST_CASE("fan alarm") {
+  const std::string prefix = "fan-ctrl.cpp:getFanAlarm ";
+  const auto reads = [&](const std::string& reading, int last, int count, int left,
+                         const Lines& messages) {
+    CAPTURE(reading);
     Bench bench;
-    bench.m_valueMap = {{30, 200}, {60, 90}};
     bench.m_fanDriverType = FAN_DRIVER_I2C;
-    bench.m_fanAlarmPath = attribute;
-    bench.m_lastFanAlert = each.last;
-    bench.write("/proc/partitions", "sda\n");
-    bench.disk("sda", "temperature=20\n");
-    // Readings change while the restart waits: the timeline supplies what is found then.
-    std::string timeline;
-    for (std::size_t n = 0; n < each.restarts.size(); ++n) {
-      const std::string reading(1, each.restarts[n]);
-      timeline += std::to_string(10 * n + 9) + (reading == "-" ? " remove " : " write ") +
-                  attribute + " " + reading + "\n";
-    }
-    bench.write("/timeline", timeline);
-    std::string seen;
-    for (const char reading : each.readings) {
-      bench.write(attribute, texts.at(reading));
-      const int count = bench.m_updateFanStatusCnt;
-      int descriptor = -1;
-      const std::string trace = traced([&] { bench.getFanAlarm(&descriptor, true); });
-      const Lines entries = bench.journal({"corvane", "sleep"});
-      const bool restarted = contains(entries, "sleep 10");
-      const bool working = contains(entries, "corvane property status=FanRaisedFromDead");
-      const bool failed = contains(entries, "corvane property status=FanFailed");
-      seen += failed ? 'F' : working ? 'W' : restarted ? 'r' : '.';
-      CHECK(contains(trace, "TMAX = 20\n") == (working || (restarted && each.restarts != "-")));
-      CHECK_FALSE(contains(trace, "Activate smart"));
-      CHECK(contains(trace, prefix + "try to restart the FAN\n" + prefix +
-                                "setting highest value\n") == restarted);
-      CHECK(contains(trace, "read 1 in fan1alarm\n" + prefix + "FAN still blocked\n" + prefix +
-                                "raise alert\n" + prefix + "m_lastFanAlert 1\n") == failed);
-      CHECK(trace.starts_with(prefix + "FAN raised from dead\n" + prefix +
-                              "m_updateFanStatusCnt2\n") == working);
-      CHECK((trace == prefix + "read 0 in fan1_alarm for the " + std::to_string(count) +
-                          "time\n") == (bench.m_updateFanStatusCnt > count));
-    }
-    CHECK(seen == each.results);
-    CHECK(bench.m_updateFanStatusCnt == each.counter);
-    CHECK(bench.m_curCmd->m_currentCmd == each.command);
-  }
+    bench.m_fanAlarmPath = "/sys/alarm";
+    bench.m_lastFanAlert = last;
+    bench.m_updateFanStatusCnt = count;
+    bench.write("/sys/alarm", reading);
+    std::string expected;
+    for (const auto& message : messages) expected += prefix + message + "\n";
+    int descriptor = -1;
+    CHECK(traced([&] { bench.getFanAlarm(&descriptor, true); }).starts_with(expected));
+    CHECK(bench.m_updateFanStatusCnt == left);
+  };
+  const std::string one = "read 1 in fan1alarm";
+  const Lines restart = {one, "try to restart the FAN", "setting highest value"};
+  reads("0\n", W, 0, 0, {});
+  reads("1\n", W, 0, 0,
+        restart + Lines{one, "FAN still blocked", "raise alert", "m_lastFanAlert 1"});
+  reads("1\n", U, 2, 0, {one});
+  reads("0\n", U, 2, 2, {});
+  reads(" 1\n", F, 1, 2, {"read 0 in fan1_alarm for the 1time"});
+  reads("0\n", F, 2, 0, {"FAN raised from dead", "m_updateFanStatusCnt2"});
 }
