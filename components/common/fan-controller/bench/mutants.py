@@ -30,7 +30,7 @@ import tempfile
 import time
 from dataclasses import dataclass
 
-TESTS = pathlib.Path(__file__).resolve().parent
+TESTS = pathlib.Path(__file__).resolve().parent.parent / "tests"
 SOURCE = TESTS.parent / "source"
 LATE = "no end in time"
 LIMITS = ["prlimit", "--fsize=67108864", "--cpu=60", "--as=4294967296", "--core=0"]
