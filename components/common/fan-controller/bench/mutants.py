@@ -8,7 +8,7 @@ chosen by the seed, evenly over the lines: first one for each line, then a secon
 N that compile to other code than before. A fault counts as noticed when a test fails, twice in a row,
 or does not come to its end in time.
 
-What no test notices has to stand in tests/survivors with the reason why it does no harm. Prints the
+What no test notices has to stand in tests/survivors with the reason why that is so. Prints the
 others as a diff and ends with 1 when there is one. BUILD/result is for scripts/evidence: the numbers
 of faults, noticed, explained and unexplained, then place, line before, line after and reason of each
 that no test notices.
@@ -186,6 +186,7 @@ class Tree:
             if path.parent == SOURCE:
                 self.compile[path.name] = (entry["directory"], shlex.split(entry["command"]))
         self.link = []
+        self.stopping = False
         for target, folder in (("fan_controller_tests", TESTS), ("fan_controller", TESTS.parent)):
             place = build / folder.relative_to(ROOT)
             text = (place / f"CMakeFiles/{target}.dir/link.txt").read_text()
@@ -271,6 +272,8 @@ class Desk:
         environment = {**os.environ, "TMPDIR": self.temporary}
         output = None
         for _ in range(attempts):
+            if self.tree.stopping:
+                return "stopped"
             run = subprocess.Popen(command, cwd=self.folder, env=environment, start_new_session=True,
                                    stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                    stderr=subprocess.PIPE)
@@ -401,6 +404,7 @@ def main():
                     print(f"{tried} of {arguments.faults} faults, {time.monotonic() - began:.0f} s",
                           flush=True)
     finally:
+        tree.stopping = True
         pool.shutdown(wait=False, cancel_futures=True)
         for desk in desks:
             desk.end_all()
