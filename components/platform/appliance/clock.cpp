@@ -32,7 +32,7 @@ constexpr std::size_t kLineUsual = std::size_t{4} * 1024;  // of the timeline
 constexpr std::size_t kLineMax = std::size_t{256} * 1024;
 constexpr std::size_t kScriptMax = 32;
 constexpr std::size_t kWatchedMax = 2048;  // of a watched file
-constexpr long kLookAgain = 500'000;  // nanoseconds between two looks at <root>/clock
+constexpr long kLookAgain = 500'000;       // nanoseconds between two looks at <root>/clock
 constexpr mode_t kFileMode = 0644;
 constexpr int kOctal = 8;
 constexpr int kDecimal = 10;
@@ -295,9 +295,10 @@ void lookAtWatched() {
     struct stat64 status;
     const char* const real = belowRoot(path.c_str(), buffer);
     if (real == nullptr) continue;
-    const std::string text = readFile(real, kWatchedMax).c_str();
+    const std::string text = readFile(real, kWatchedMax);
     const bool isThere = !text.empty() || fstatat64(AT_FDCWD, real, &status, 0) == 0;
-    const std::string said = isThere ? path + ' ' + text : path;
+    std::string said = path;
+    if (isThere) said.append(" ").append(text, 0, text.find('\0'));
     if (std::exchange(watched()[path], said) == said) continue;
     record(isThere ? "holds" : "lacks", "%s", said.c_str());
   }
