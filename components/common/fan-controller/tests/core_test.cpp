@@ -73,13 +73,26 @@ TEST_CASE("settings") {
   reads("use_hysteresis=Yes\nuse_hysteresis= yes\nuse_hysteresis=yes\r\n", {});
   reads("pid_file=" + long5000, {.pidFile = long5000});
   const TestAppliance appliance;
-  appliance.config("use_hysteresis=maybe\ntemp_sensor_sysfs_entry=" + long5000, "");
+  // Each key with the label of its trace.
+  const std::pair<std::string, std::string> keys[] = {
+      {"pid_file", "pid_file : "},
+      {"fan_driver_sysfs_dir", "fan_driver_interface : "},
+      {"fan_driver_sysfs_alarm", "fan_driver_alarm : "},
+      {"period_in_sec", "period_in_sec found: "},
+      {"dump_info_to_file", "dump_info_to_file : "},
+      {"use_hysteresis", "use_hysteresis : "},
+      {"hdd_critical_temperature", "hdd_critical_temperature : "},
+      {"temp_sensor_sysfs_entry", "temp_sensor_sysfs_entry: "},
+  };
   const std::string prefix = "fan-ctrl.cpp:loadConfig ";
-  CHECK(traced([] { FanController(CONFIG).loadConfig(); })
-            .starts_with(prefix +
-                         "configfile /etc/fan_controller/fan_controller.conf has been opened\n" +
-                         prefix + "use_hysteresis : maybe\n" + prefix +
-                         "temp_sensor_sysfs_entry: " + long5000 + "\nfan-ctrl.cpp:~"));
+  std::string file,
+      trace = prefix + "configfile " + CONFIG + "/fan_controller.conf has been opened\n";
+  for (const auto& [key, label] : keys) {
+    file += key + "=" + long5000 + "\n";
+    trace += prefix + label + long5000 + "\n";
+  }
+  appliance.config(file, "");
+  CHECK(traced([] { FanController(CONFIG).loadConfig(); }).starts_with(trace + "fan-ctrl.cpp:~"));
 }
 
 TEST_CASE("teardown") {
@@ -148,7 +161,8 @@ TEST_CASE("selection") {
     bench.m_currentTemp = now;
     bench.m_previousTemp = before;
     const std::string text = traced([&] { CHECK(bench.processCmd()); });
-    CHECK(std::regex_replace(text, std::regex("fan-ctrl.cpp:processCmd "), "").ends_with(trace));
+    const std::string lines = std::regex_replace(text, std::regex("fan-ctrl.cpp:processCmd "), "");
+    CHECK(("\n" + lines).ends_with("\n" + trace));
     CHECK(bench.m_curCmd->m_currentCmd == command);
   };
   const Table usual = {{30, 100}, {40, 150}, {50, 200}, {55, 255}};
@@ -157,9 +171,10 @@ TEST_CASE("selection") {
           "m_valueMapIt->first 40\nm_currentTemp 35\nm_valueMapIt->first 30\n"
           "diffInf 5\ndiffSup 5\n35 choose lower limit 30\n");
   selects(usual, 0, 36, 150, "diffInf 6\ndiffSup 4\n36 choose upper limit 40\n");
-  selects(usual, 0, 65, 255, "temp = 65\ntHigh 55\n take max step of values tab i.e. \n");
-  selects(usual, 40, 42, 200, "5\n42: choose upper limit 5040\n previous temp value was 40\n");
-  selects(usual, 45, 42, 150, "5\n42: choose lower limit 40\n previous temp value was 45\n");
+  selects(usual, 0, 65, 255, "current temp = 65\ntHigh 55\n take max step of values tab i.e. \n");
+  selects(usual, 40, 42, 200,
+          "tHigh 55\n42: choose upper limit 5040\n previous temp value was 40\n");
+  selects(usual, 45, 42, 150, "tHigh 55\n42: choose lower limit 40\n previous temp value was 45\n");
   selects({{40, 7}}, 0, 40, 7, " take min step of values tab i.e. \ntHigh 40\n");
   selects(extreme, 0, 0, 2, "");
   selects(extreme, 0, -1, 1, "");

@@ -35,17 +35,21 @@ TEST_CASE("discovery") {
   const std::string outcomes[] = {"4 " + fanless, "6 " + gpio, "6 " + i2c};
   const File extra = {FAN + "/extra", ""}, ownSilent = {kOwnAlarm, ""};
   const Discovery discoveries[] = {
-      {.trace = "mode is open-loop\n"},
+      {.trace = "Fan mode is open-loop\n"},
       {.file = {kMode, "2\n"}, .command = kTarget, .trace = close},
-      {.file = {kMode, "02\n"}, .trace = "mode is open-loop\n"},
+      {.file = {kMode, "02\n"}, .trace = "Fan mode is open-loop\n"},
       {.file = {kMode, ""}, .trace = i2c + "\n"},
       {.type = GPIO, .file = {kMode, "2\n"}, .command = kTarget, .trace = gpio},
-      {.type = NONE, .file = extra, .command = "", .alarm = "", .trace = FAN + " does not match w"},
+      {.type = NONE,
+       .file = extra,
+       .command = "",
+       .alarm = "",
+       .trace = "Sysfs entries in " + FAN + " does not match w"},
       {.type = NONE,
        .directory = kPwm,
        .command = "",
        .alarm = "",
-       .trace = "pwm1does not exist or"},
+       .trace = "config dir " + kPwm + "does not exist or"},
       // Even if it is silent now.
       {.file = ownSilent},
       {.type = GPIO, .file = ownSilent, .command = kTarget},
@@ -58,7 +62,10 @@ TEST_CASE("discovery") {
     bench.write(each.file.first, each.file.second);
     bench.m_fanDriverSysfsDir = each.directory;
     const std::string text = traced([&] { bench.detectProductConfig(); });
-    CHECK(contains(text, each.trace));
+    CHECK(contains(text, " " + each.trace));
+    const std::string prefix = "fan-ctrl.cpp:detectProductConfig ";
+    CHECK(text.starts_with(prefix + "Get current entries in sysfs /sys/fan\n" + prefix +
+                           "Keep sysfs entry: /sys/fan/") == (each.directory == FAN));
     CHECK(bench.m_fanDriverType == each.type);
     CHECK(bench.m_curCmd->m_driverPath == each.command);
     CHECK(bench.m_fanAlarmPath == each.alarm);
@@ -81,6 +88,7 @@ TEST_CASE("temperature and identity of one disk") {
     const Handle sda(::open("/dev/sda", O_RDONLY));
     CHECK(traced([&] { CHECK(get_smart_attr_value(sda.number) == temperature); }) == trace);
     CHECK(get_identify_data(sda.number) == identity);
+    traced([&] { CHECK(unable_smart_feature(sda.number) == (trace.empty() ? 1 : 0)); });
   };
   const std::string entry = "c22200404028000f00320000", other = "0922006464ff000000000000";
   const std::string silent = "Model: \tSerial Nb : " + kBlanks, nuls(40, '\0');
@@ -123,7 +131,7 @@ TEST_CASE("disks are asked and traced in order; a NUL ends the status file") {
   bench.write("/proc/partitions", "sda\nsda1\nsdb\n");
   bench.disk("sda", "model_hex=4100\nserial=1\ntemperature=31\n");
   const std::string prefix = "fan-ctrl.cpp:updateMaxTempHDD ";
-  CHECK(traced([&] { bench.updateMaxTempHDD(true); })
+  CHECK(traced([&] { CHECK(bench.updateMaxTempHDD(true) == -1); })
             .starts_with(prefix + "hdd /dev/sda is present \n" + prefix +
                          "Activate smart feature set on device /dev/sda\n" + prefix +
                          "/dev/sda returned temp=31degC\n" + prefix + "hdd /dev/sdb is present \n" +

@@ -107,8 +107,9 @@ TEST_CASE("start-up: missing files are asked for every 300 seconds and reported 
   for (const std::string part :
        {"endlessWatcher pid = ",
         "loadConfig Fail to open configfile /etc/fan_controller/fan_controller.conf\n",
-        "Send fan status MissingConfig to corvane\n", "endlessWatcher => config file loaded\n",
-        "CurCmd CurCmd object created\n", "Send fan status FanNonRotating to corvane\n",
+        "send_config_to_corvane Send fan status MissingConfig to corvane\n",
+        "endlessWatcher => config file loaded\n", "CurCmd CurCmd object created\n",
+        "Send fan status FanNonRotating to corvane\n",
         "loadValuesTab => value tab file loaded \n"
         "fan-ctrl.cpp:endlessWatcher values tab: /etc/fan_controller/fan_cmd_tab.conf\n"
         "fan-ctrl.cpp:endlessWatcher 30 => 77\n"
@@ -283,6 +284,10 @@ TEST_CASE("a pipe among the files of the hardware is no value, and holds nothing
       product.write("/sys/alarm", "0\n");
       product.remove(pipe);
       REQUIRE(::mkfifo(product.at(pipe).c_str(), 0600) == 0);
+      if (pipe == SENSOR) {  // then the disks are measured, and one of them is a pipe as well
+        product.remove("/dev/sda");
+        REQUIRE(::mkfifo(product.at("/dev/sda").c_str(), 0600) == 0);
+      }
       const Handle writer(held ? ::open(product.at(pipe).c_str(), O_RDWR | O_CLOEXEC) : -1);
       const std::string text = product.run();
       CHECK(contains(text, "Match a fan driver I2C interface\n"));
@@ -305,4 +310,17 @@ TEST_CASE("a select that fails is traced, and the service goes on") {
   product.write("/select", "-1");
   CHECK(contains(product.run(), " corrupted after select() returned\n"));
   CHECK(product.journal({"select"}) == Lines(3, "select 180 nfds=1"));
+}
+
+TEST_CASE("no trace gets into a file when the caller has closed standard output") {
+  const char* const emulator = std::getenv("APPLIANCE_EMULATOR");
+  if (emulator != nullptr && *emulator != '\0') return;  // which does not run this machine's shell
+  const Product product;
+  ::setenv("APPLIANCE_SPEED", "1", 1);
+  Program service(product, {"/bin/sh",
+                            {"-c", "exec \"$0\" \"$@\" >&-", FAN_CONTROLLER_BINARY, "--verbose",
+                             "-c", CONFIG}});
+  REQUIRE(product.waits(1));
+  CHECK(product.read(PID_FILE) == std::to_string(service.daemon) + "\n");
+  CHECK(service.wait_end(SIGTERM) == 0);
 }

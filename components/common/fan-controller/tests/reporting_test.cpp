@@ -151,6 +151,8 @@ TEST_CASE("flag files in a folder that is everybody's") {
        }},
       {"own file", [](Path flag, Path) { std::ofstream(flag) << "old"; }},
   };
+  const mode_t mask = ::umask(0);
+  ::umask(mask);
   for (const auto& [name, plant] : plants) {
     CAPTURE(name);
     Bench bench;
@@ -170,6 +172,9 @@ TEST_CASE("flag files in a folder that is everybody's") {
     CHECK(after.st_nlink == 1);
     CHECK(after.st_uid == ::geteuid());
     CHECK(after.st_size == 0);
+    const fs::directory_iterator left(bench.at("/var/tmp"));
+    CHECK(std::distance(begin(left), end(left)) == (name == "folder" ? 2 : 1));
+    if (name != "own file") CHECK((after.st_mode & ALLPERMS) == (0666 & ~mask));
     if (name == "own file") CHECK(after.st_ino == before.st_ino);
     CHECK(bench.check_file(HIGH_TEMP_FLAG) == 1);
     CHECK(bench.read("/victim") == "precious");
