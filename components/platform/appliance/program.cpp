@@ -28,7 +28,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr mode_t kFileMode = 0600;
-constexpr int kPolls = 5000;
+constexpr std::chrono::seconds kPatience{30};  // of a machine that is busy
 constexpr std::chrono::duration<int, std::milli> kPollPeriod{2};
 constexpr std::chrono::microseconds kFirstPause{100};
 constexpr std::size_t kPiece = 4096;
@@ -126,19 +126,19 @@ Channel::Channel(Kind kind) {
 bool eventually(const std::function<bool()>& condition) {
   // Most conditions hold within a millisecond.
   auto pause = kFirstPause;
-  const auto deadline = std::chrono::steady_clock::now() + kPolls * kPollPeriod;
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
   while (std::chrono::steady_clock::now() < deadline) {
     if (condition()) return true;
     std::this_thread::sleep_for(pause);
     pause = std::min<std::chrono::microseconds>(2 * pause, kPollPeriod);
   }
-  return false;
+  return condition();
 }
 
 std::string received(int descriptor, const std::function<bool(const std::string&)>& enough) {
   std::string text;
   char piece[kPiece];
-  const auto deadline = std::chrono::steady_clock::now() + kPolls * kPollPeriod;
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
   while (!enough(text) && std::chrono::steady_clock::now() < deadline) {
     pollfd readable = {.fd = descriptor, .events = POLLIN, .revents = 0};
     if (::poll(&readable, 1, kPollPeriod.count()) <= 0) continue;

@@ -30,10 +30,11 @@ struct Channel {
   std::optional<Handle> writer;
 };
 
-// Polls until the condition holds; false after ten seconds.
+// Polls until the condition holds; false after half a minute.
 bool eventually(const std::function<bool()>& condition);
 
-// What comes from a pipe, a terminal or a socket until the text is enough, its end, or ten seconds.
+// What comes from a pipe, a terminal or a socket until the text is enough, its end, or half a
+// minute.
 std::string received(int descriptor, const std::function<bool(const std::string&)>& enough);
 
 // Runs a shipped binary, which may become a daemon, with the simulation preloaded. Throws, and
@@ -65,7 +66,7 @@ class Program {
   Program(const Program&) = delete;
   Program& operator=(const Program&) = delete;
 
-  // The daemon's wait status, as waitpid gives it, once it has ended; -1 after ten seconds. A
+  // The daemon's wait status, as waitpid gives it, once it has ended; -1 after half a minute. A
   // signal is sent until then: one that comes just before a wait does not end it.
   int wait_end(int signal = 0);
 

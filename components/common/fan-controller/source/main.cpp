@@ -189,8 +189,8 @@ int run_service(bool oneshot, const sigset_t& signals) {
 }  // namespace
 
 int main(int argc, char* argv[]) {
-  // Memory may run out before there is a service, or for the exception itself: that has the same
-  // status, and is no crash.
+  // What nobody can handle, such as memory that runs out before there is a service or for the
+  // exception itself, has the same status and is no crash.
   std::set_terminate([] { ::_exit(EXIT_FAILURE); });
   // Ignore SIGPIPE until the handler stands: option traces may go to a closed pipe.
   (void)std::signal(SIGPIPE, SIG_IGN);

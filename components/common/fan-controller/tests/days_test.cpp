@@ -66,7 +66,8 @@ struct Dice {
   }
   std::string disk(const Model& model) {
     if (oneIn(10)) return "# disk\nfails=" + one("ioctl reject");
-    return "# disk\nmodel=" + one("A M Z") + "\nserial=" + one("1 2") +
+    const std::string name = one("A M Z"), number = one("1 2");
+    return "# disk\nmodel=" + name + "\nserial=" + number +
            "\ntemperature=" + std::to_string(degrees(model));
   }
   std::string partitions() {
@@ -89,8 +90,9 @@ World::Event Dice::event(const Model& model, long long at) {
     const std::size_t length = line.find(']') - open + 1;
     line.replace(open, length, one(line.substr(open + 1, length - 2)));
   }
+  const int sensor = degrees(model) * 1000;
   const std::pair<std::string, std::string> texts[] = {
-      {"$T", std::to_string(degrees(model) * 1000 + upTo(999))},
+      {"$T", std::to_string(sensor + upTo(999))},
       {"$d", disk(model)},
       {"$P", partitions()},
       {"$A", model.alarm.empty() || oneIn(4) ? FAN + "/fan1_alarm" : model.alarm},
@@ -119,7 +121,8 @@ Model Dice::product() {
   if (oneIn(2)) model.sensor = SENSOR;
   if (!oneIn(8)) model.status = STATUS;
   for (int step = 25 + upTo(10), rest = upTo(6); rest > 0; --rest, step += 1 + upTo(9)) {
-    model.table[step] = upTo(5) * 50 - upTo(1);
+    const int command = upTo(5) * 50;
+    model.table[step] = command - upTo(1);
   }
   model.hysteresis = oneIn(2);
   model.critical = 40 + upTo(30);

@@ -23,7 +23,7 @@ const std::string kOwnAlarm = FAN + "/fan1_alarm";
 struct Discovery {
   FanDriverType type = FAN_DRIVER_I2C;
   File file = {kMode, "0\n"};
-  std::string directory = FAN, command = kPwm, alarm = kOwnAlarm, trace = {};
+  std::string directory = FAN, configured = {}, command = kPwm, alarm = kOwnAlarm, trace = {};
 };
 
 TEST_CASE("discovery") {
@@ -50,8 +50,9 @@ TEST_CASE("discovery") {
        .command = "",
        .alarm = "",
        .trace = "config dir " + kPwm + "does not exist or"},
-      // Even if it is silent now.
+      // Even if it is silent now; the configured one if both are.
       {.file = ownSilent},
+      {.file = ownSilent, .configured = "/sys/alarm", .alarm = "/sys/alarm"},
       {.type = GPIO, .file = ownSilent, .command = kTarget},
   };
   for (const Discovery& each : discoveries) {
@@ -61,6 +62,7 @@ TEST_CASE("discovery") {
     bench.fan(FAN, each.type == GPIO);
     bench.write(each.file.first, each.file.second);
     bench.m_fanDriverSysfsDir = each.directory;
+    bench.m_fanAlarmPath = each.configured;
     const std::string text = traced([&] { bench.detectProductConfig(); });
     CHECK(contains(text, " " + each.trace));
     const std::string prefix = "fan-ctrl.cpp:detectProductConfig ";

@@ -124,6 +124,9 @@ TEST_CASE("a library that refuses or never delivers; start-up without a pid file
                                                     Lines{"syslog 3 Empty result for resource"} +
                                                     status("MissingConfig") + kFrameEnd);
   bench.config("#\n", TABLE);
+  corvaneEmptyFetches = 2;
+  bench.endlessWatcher(true);
+  CHECK(contains(bench.journal({"syslog"}), "syslog 6 ret 1"));
   bench.m_pidFile = "/sys/none/pid";
   corvaneEmptyFetches = 1;
   bench.endlessWatcher(true);
@@ -216,6 +219,8 @@ TEST_CASE("fan alarm") {
         restart + Lines{one, "FAN still blocked", "raise alert", "m_lastFanAlert 1"});
   reads("1\n", U, 2, 0, {one});
   reads("0\n", U, 2, 2, {});
+  reads("1\n", F, 2, 0, {one});
+  reads("", F, 1, 1, {});  // what cannot be read neither counts nor resets
   reads(" 1\n", F, 1, 2, {"read 0 in fan1_alarm for the 1time"});
   reads("0\n", F, 2, 0, {"FAN raised from dead", "m_updateFanStatusCnt2"});
 }
