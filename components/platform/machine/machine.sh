@@ -5,7 +5,7 @@
 # A stage makes its file system, boots it and shows what the guest reports on its second serial port,
 # in lines that guest.sh writes: "PASS text", "FAIL text", "NOTE text" and at last "END count". All
 # else that the guest says goes to its first serial port, into the console's log.
-# shellcheck disable=SC2034 # the variables are for the stages
+# shellcheck disable=SC2034,SC2154 # variables for the stages, and from common.sh
 
 readonly vm=build/vm machine=components/platform/machine
 machine_packages=(qemu-system-x86 cpio kmod)
@@ -65,7 +65,8 @@ add_modules() {
   for module; do
     /sbin/modprobe -C /dev/null -d "$modules" -S "$version" --show-depends "$module" ||
       fail "the kernel $version has no module $module"
-  done | sed -n 's/^insmod //p' | awk '!seen[$1]++ { print $1 }' | sed "s|.*/lib/modules/|/lib/modules/|" >"$folder/modules.order"
+  done | sed -n 's|^insmod .*/lib/modules/\([^ ]*\).*|/lib/modules/\1|p' | awk '!seen[$0]++' \
+    >"$folder/modules.order"
   while read -r path; do
     mkdir -p "$folder${path%/*}"
     cp "$modules$path" "$folder$path"
@@ -86,7 +87,7 @@ add_busybox() {
 add_libraries() {
   local folder=$1 library place
   shift
-  for library in $(ldd "$@" | grep -o '/[^ ]*lib[^ ]*\.so[^ ]*\( \|$\)' | sort -u); do
+  ldd "$@" | sed -n 's|^[^/]*\(/.*\) (0x[0-9a-f]*)$|\1|p' | sort -u | while IFS= read -r library; do
     place=$folder$library
     [[ $library != "$PWD"/* ]] || place=$folder/usr/lib/${library##*/}
     mkdir -p "${place%/*}"
@@ -152,7 +153,7 @@ boot() {
   local console=$vm/$1.console report=$vm/$1.report
   shift 2
   machine_failed='' machine_end='' machine_verdicts=0
-  : >"$console" >"$report"
+  truncate -s 0 "$console" "$report"
   qemu-system-x86_64 -name "$name" -machine q35 -accel tcg -cpu max -smp 1 -m 512 \
     -nodefaults -no-user-config -display none -no-reboot \
     -kernel "$kernel" -append "console=ttyS0 quiet panic=-1 oops=panic ${append:-}" \

@@ -118,6 +118,12 @@ void write_record(const std::string& folder, const Record& record) {
             "\nmode_path=", record.modePath, "\nmode_before=", record.modeBefore, "\n"}));
 }
 
+// A driver that was loaded again has another folder for the same channel.
+bool is_same_mode(const Record& one, const Record& other) {
+  if (one.modePath == other.modePath) return true;
+  return !one.chip.empty() && one.chip == other.chip && one.channel == other.channel;
+}
+
 // Gives the chip back the mode that it had. False, with a message, when it does not take it; a chip
 // that is gone has no mode.
 bool restore_mode(const Record& record) {
@@ -197,7 +203,7 @@ void clear_unfinished(const Place& place) {
   Record left, standing;
   const bool isRecorded = read_record(unfinished, left);
   const bool stands = read_record(place.folder(), standing);
-  const bool isOther = !stands || standing.modePath != left.modePath;
+  const bool isOther = !stands || !is_same_mode(standing, left);
   if (isRecorded && isOther && !restore_mode(left)) {
     refuse({unfinished, " stays: try again, or put ", left.chip, " into its mode by hand"});
   }
@@ -267,7 +273,7 @@ ExitStatus link_chip(const Choice& choice, const std::string& sensor, const std:
   plan.sensor = sensor;
 
   Record record{choice.chip.id(), std::to_string(choice.channel), plan.modePath, ""};
-  const bool sameMode = replaces && former.modePath == plan.modePath;
+  const bool sameMode = replaces && is_same_mode(former, record);
   record.modeBefore = sameMode ? former.modeBefore : read_attribute(plan.modePath).value_or("");
   try {
     build(place.unfinished(), plan, record);
@@ -307,6 +313,7 @@ ExitStatus undo(const std::string& folder) {
     (void)std::printf("%s is not there: nothing to undo\n", place.folder().c_str());
     return EXIT_FINE;
   }
+  const bool isGone = is_mode(record) && find_mode(record).empty();
   // First: the folder holds what is needed for it, now or at another try.
   if (!restore_mode(record)) {
     refuse(
@@ -314,8 +321,9 @@ ExitStatus undo(const std::string& folder) {
   }
   remove_folder(place.folder());
   if (exists(place.folder())) refuse({place.folder(), " holds something else, so it stays"});
-  (void)std::printf("%s is removed, %s has its former mode\n", place.folder().c_str(),
-                    record.chip.c_str());
+  (void)std::printf(
+      "%s is removed, %s %s\n", place.folder().c_str(), record.chip.c_str(),
+      isGone ? "is not there, so its mode was not given back" : "has its former mode");
   return EXIT_FINE;
 }
 

@@ -48,6 +48,9 @@ std::string well(const Status& status) {
   if (!configuration.hasSettings || !configuration.hasTable) {
     return "The service runs and no alert stands, but its configuration cannot be read.";
   }
+  if (!configuration.settings.m_fanDriverSysfsDir.empty() && status.driver.row == nullptr) {
+    return "The service runs and no alert stands, but its fan driver is not found.";
+  }
   if (!status.temperature) {
     return "The service runs and no alert stands, but no temperature can be read.";
   }

@@ -196,8 +196,14 @@ TEST_CASE("linked anew: the former chip gets its mode back, and the first mode i
   fs::rename(board.at("/sys/devices/i2c/0-002e/hwmon/hwmon0"), board.at(reloaded));
   fs::remove(board.at(kClass + "0"));
   fs::create_symlink(board.at(reloaded), board.at(kClass + "9"));
+  REQUIRE(link("adt7475:1") == 0);
+  CHECK(board.read(reloaded + "/pwm1_enable") == "1\n");
   CHECK(Fanctl(board, {"link", "--undo"}).status == 0);
   CHECK(board.read(reloaded + "/pwm1_enable") == "2\n");
+  REQUIRE(link("adt7475:1") == 0);
+  fs::remove_all(board.at(reloaded));
+  CHECK(
+      contains(Fanctl(board, {"link", "--undo"}).output, "adt7475-i2c-0-2e is not there, so its"));
   CHECK(board.is_clean());
 }
 

@@ -118,6 +118,7 @@ TEST_CASE("each state has its sentence, its row and its exit status") {
       {0, "mode", "close-loop, automatic (2)", FAN + "/pwm1_enable", "2\n"},
       {0, "fan", "none is controlled", pwm, "-", "period_in_sec=9\n"},
       {0, "fan", FAN + " is not taken for a fan driver", pwm, "-"},
+      {0, "first", "The service runs and no alert stands, but its fan driver", pwm, "-"},
       {0, "temperature", hottest + " of 3 disks (1 asleep, not asked), as the", SENSOR, "-"},
       {0, "first", "The service runs and no alert stands, but no temper", "/dev/sda", "-", "a=b"},
       {0, "settings", settings + " cannot", settings, "-"},
