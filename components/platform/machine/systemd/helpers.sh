@@ -41,8 +41,8 @@ uptime_is() { (($(cut -d. -f1 /proc/uptime) >= $1)); }
 
 mark() { sleep 1.1; since=$(date +%s); }
 journal() { journalctl -q --no-pager -o cat --since="@$since" "$@"; }
-said() { journal "${@:2}" | grep -Fq -- "$1"; }                          # TEXT [OPTION...]
-times_said() { journal | grep -Fc -- "$1"; }
+said() { journal "${@:2}" | grep -Fq -- "$1"; } # TEXT [OPTION...]
+times_said() { journal "${@:2}" | grep -Fc -- "$1"; }
 
 # --- What the hook was told: a line an event ---
 

@@ -2,7 +2,7 @@
 # The stage `systemd` of scripts/vm: a Debian system with the packages. The system without them is made
 # once and kept. In a first machine the packages are installed and upgraded; two more, at the same time,
 # go on with what its disk then holds. What is checked stands in install, work and trouble.
-# shellcheck disable=SC2154 # variables of machine.sh
+# shellcheck disable=SC2030,SC2031,SC2034,SC2154 # variables of machine.sh; a shell beside has its own
 
 readonly debian_packages=(systemd systemd-sysv udev kmod procps dbus i2c-tools)
 readonly debian_modules=(i2c-stub i2c-dev adt7475)
@@ -119,7 +119,7 @@ try_system() {
   cp --sparse=always "$2" "$disk"
   tar -cf "$checks" -C "$vm/packages.systemd" old new -C "$PWD/$machine" guest.sh \
     -C systemd helpers.sh --transform "s/^$1\$/run/" "$1"
-  append='random.trust_cpu=on mitigations=off apparmor=0 audit=0' boot "systemd-$1" 1500 \
+  append='random.trust_cpu=on mitigations=off apparmor=0 audit=0' boot "systemd-$1" 1800 \
     -initrd "$vm/systemd.initrd" -icount shift=1,sleep=off -rtc clock=vm -device virtio-rng-pci \
     -drive "file=$disk,format=raw,if=virtio,cache=unsafe" \
     -drive "file=$checks,format=raw,if=virtio,readonly=on" || true
