@@ -1,6 +1,6 @@
 # shellcheck shell=bash
 # Sourced by the checks inside of the machine: the fan chip, and questions that several of them ask.
-# shellcheck disable=SC2034 # some are for the checks
+# shellcheck disable=SC1091,SC2034 # some are for the checks
 . ./guest.sh
 
 within_pause=1 # waiting costs no time here, looking does
