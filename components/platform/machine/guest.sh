@@ -31,7 +31,7 @@ within() {
   shift
   until "$@" >/dev/null 2>&1; do
     [ "$(cut -d. -f1 /proc/uptime)" -lt "$within_end" ] || { "$@"; return; }
-    sleep 0.1
+    sleep "${within_pause:-0.1}"
   done
 }
 

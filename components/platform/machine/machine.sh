@@ -11,6 +11,8 @@ readonly vm=build/vm machine=components/platform/machine
 machine_packages=(qemu-system-x86 cpio kmod)
 verdicts_passed=0 verdicts_failed=0 # over all stages
 machine_process=                    # QEMU, while it runs
+machine_beside=                     # a shell that boots a second machine meanwhile
+machine_scratch=                    # a folder outside of build/vm, while it is needed
 
 # --- Debian packages: unpacked, not installed ---
 
@@ -118,6 +120,17 @@ end_machine() {
   kill -KILL "$machine_process" 2>/dev/null || true
   wait "$machine_process" 2>/dev/null || true
   machine_process=
+}
+
+# Whatever is at work, and what it has left.
+end_all() {
+  if [[ $machine_beside ]]; then
+    kill "$machine_beside" 2>/dev/null || true
+    wait "$machine_beside" 2>/dev/null || true
+    machine_beside=
+  fi
+  end_machine
+  [[ ! $machine_scratch ]] || rm -rf --one-file-system "$machine_scratch"
 }
 
 # show_verdict LINE
