@@ -366,6 +366,8 @@ TEST_CASE("what the service's unit does when the service has ended") {
   } cases[] = {
       {"stop", "1", "1 fan_controller.service stop running", "0", "1", "link --undo\n", true},
       {"restart", "1", "1 fan_controller.service restart running", "0", "1", "link --undo\n", true},
+      {"no room for the mark", "1", "1 fan_controller.service stop running", "0", "1",
+       "link --undo\n", true},
       {"crash", "1", "", "0", "1", "guard --service-ended\n"},
       {"failed start", "1", "1 fan_controller.service start running", "0", "1",
        "guard --service-ended\n"},
@@ -392,6 +394,9 @@ TEST_CASE("what the service's unit does when the service has ended") {
          "echo \"$*\" >>" + board.at("/done") + "\n[ \"$1\" = link ] || exit " + each.guard);
     board.remove("/done");
     board.remove("/run/fan_controller/stopped");
+    if (each.name == "no room for the mark") {
+      fs::create_directories(board.at("/run/fan_controller/stopped"));
+    }
     board.write("/script", "PATH=" + board.at("/bin") + ":$PATH\n" + script + "\n");
     CHECK(std::system(("sh " + board.at("/script")).c_str()) == 0);
     CHECK(board.read("/done") == each.does);
