@@ -10,7 +10,8 @@ using machine::keep;
 using machine::keep_link;
 
 void lay_out_machine() {
-  (void)::setenv("TZ", "UTC0", 1);  // otherwise each look at a time looks for a file
+  (void)::setenv("TZ", "UTC0", 1);     // otherwise each look at a time looks for a file
+  (void)::setenv("COLUMNS", "40", 1);  // a small picture is drawn sooner
   keep("/etc/fan_controller/fan_controller.conf",
        "fan_driver_sysfs_dir=/run/fan_controller/fan\n"
        "temp_sensor_sysfs_entry=/sys/class/hwmon/hwmon1/temp1_input\n"

@@ -41,10 +41,13 @@ std::string shifted(const appliance::Schedule& points) {
   appliance::Schedule later = {{0, appliance::temperatureAt(points, kLength - kShift)}};
   for (const auto& [second, celsius] : points) {
     // The end of the day is the beginning of the next: a point there comes just before it.
-    const double moved = second >= kLength ? kShift - 1 : std::fmod(second + kShift, kLength);
+    const double whole = std::round(second);
+    const double moved = second >= kLength ? kShift - 1 : std::fmod(whole + kShift, kLength);
     if (moved > 0) later.emplace_back(moved, celsius);
   }
   std::ranges::sort(later);
+  const auto same = [](const auto& left, const auto& right) { return left.first == right.first; };
+  later.erase(std::unique(later.begin(), later.end(), same), later.end());
   std::string text;
   for (const auto& [second, celsius] : later) text += text_of("%.0f:%.6g ", second, celsius);
   return text;

@@ -17,7 +17,8 @@ namespace {
 const std::string kBox =
     "step=1\nair_capacity=600\nboard_power=10\nwall_conductance=1\nfan_flow=0.01\nfan_speed=2400\n"
     "fan_start_speed=500\nfan_stall_speed=300\nfan_spin_up=2\nfan_power=2\nfan_command=255\n"
-    "sensor_place=0.5\nsensor_lag=30\nsensor_resolution=500\noutside=0:24 3600:26\n"
+    "sensor_place=0.5\nsensor_lag=30\nsensor_resolution=500\noutside=0:24 3600:26 3600.25:26 "
+    "86399:24 86400:24\n"
     "disk_capacity=300\ndisk_idle_power=5\ndisk_seek_power=12\ndisk_standby_power=1\n"
     "disk_conductance=0.3\ndisk_flow_conductance=1\ndisk=sda\ndisk=sdb\n";
 const std::string kDay = "# a backup\n600 load all seek\n4800 load all idle\n";

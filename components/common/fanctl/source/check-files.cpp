@@ -43,7 +43,7 @@ std::size_t distance(std::string_view left, std::string_view right) {
     for (std::size_t j = 0; j < right.size(); ++j) {
       const std::size_t changed = diagonal + (left[i] == right[j] ? 0 : 1);
       diagonal = row[j + 1];
-      row[j + 1] = std::min({changed, row[j] + 1, row[j + 1] + 1});
+      row[j + 1] = std::min(changed, std::min(row[j], row[j + 1]) + 1);
     }
   }
   return row.back();
@@ -54,8 +54,18 @@ std::string_view nearest_key(const std::string& key) {
   const auto begun =
       std::ranges::find_if(rows, [&](const auto& row) { return row.key.starts_with(key); });
   if (!key.empty() && begun != rows.end()) return begun->key;
-  return std::ranges::min_element(rows, {}, [&](const auto& row) { return distance(key, row.key); })
-      ->key;
+  std::string_view nearest;
+  std::size_t least = std::string::npos;
+  for (const auto& row : rows) {
+    const std::size_t length = row.key.size();
+    const std::size_t more = std::max(key.size(), length) - std::min(key.size(), length);
+    if (more >= least) continue;  // as many letters are to insert or drop at least
+    const std::size_t changes = distance(key, row.key);
+    if (changes >= least) continue;
+    least = changes;
+    nearest = row.key;
+  }
+  return nearest;
 }
 
 // Without the white space around it.

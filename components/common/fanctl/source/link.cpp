@@ -83,7 +83,8 @@ struct Record {
 // Nothing else is ever written to by what a record says.
 bool is_mode(const Record& record) {
   return record.modePath.starts_with("/sys/") && record.modePath.ends_with("_enable") &&
-         record.modePath.find("/../") == std::string::npos && !record.modeBefore.empty() &&
+         record.modePath.find("/../") == std::string::npos &&
+         record.modePath.find('\0') == std::string::npos && !record.modeBefore.empty() &&
          record.modeBefore.find_first_not_of("0123456789") == std::string::npos;
 }
 

@@ -260,6 +260,21 @@ TEST_CASE("interrupted half-way") {
   }
 }
 
+TEST_CASE("a record leads to nothing but a mode") {
+  const std::string command = "/sys/devices/i2c/0-002e/hwmon/hwmon0/pwm1";
+  for (const std::string& path :
+       std::vector<std::string>{command, command + '\0' + "_enable",
+                                "/sys/devices/../devices/i2c/0-002e/hwmon/hwmon0/pwm1_enable"}) {
+    CAPTURE(path);
+    const LinkBoard board;
+    const std::string before = board.read(command), mode = board.read(kAdtMode);
+    board.write(kFolder + "/.link/record", "mode_path=" + path + "\nmode_before=77\n");
+    (void)Fanctl(board, {"link", "--undo"});
+    CHECK(board.read(command) == before);
+    CHECK(board.read(kAdtMode) == mode);
+  }
+}
+
 TEST_CASE("two runs at once") {
   const LinkBoard board;
   const std::string place = "/run/fan_controller";
