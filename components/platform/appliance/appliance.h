@@ -21,7 +21,8 @@
 //                    disks, the first one the sensor's too, instead of what the heat would make of
 //                    them
 //   <root>/watched   files, a path a line, that the journal shows at the beginning of a wait when
-//                    they have changed since the one before: `holds <path> <text>`, or `lacks <path>`
+//                    they have changed since the one before: `holds <path> <text>`, or `lacks
+//                    <path>`
 //   <root>/clock     when it is there at the first wait: the seconds since the start, for all
 //                    programs; time passes only when somebody writes it anew, in one step. What a
 //                    program has come to before it really waits stands in <root>/clock_reached.
