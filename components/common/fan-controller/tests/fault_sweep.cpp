@@ -220,6 +220,13 @@ bool measuresNothing(const Scenario& scenario, const Outcome& outcome) {
   return !outcome.has("syslog 4 updating", kHot) && held.c_str() == last;
 }
 
+// How many connections to the management library stay open: the start-up's, if it had one.
+int connections(const Outcome& outcome) {
+  const std::string line = "getting corvane fan config";
+  const bool isLost = outcome.fault != nullptr && outcome.fault->about == line;
+  return isLost || outcome.has("syslog 6 " + line) ? 1 : 0;
+}
+
 std::string verdict(const Scenario& scenario, const Outcome& outcome) {
   const Fault* const fault = outcome.fault;
   const bool noMemory = fault != nullptr && fault->isAllocation();
@@ -260,6 +267,7 @@ int main(int argc, char** argv) {
     product.output = pipe ? Output::kPipe : closed ? Output::kClosedPipe : Output::kFile;
     product.until = scenario.start + (scenario.alarm ? 420 : 300);  // three cycles
     product.kept = "/corvane";
+    product.mayKeep = connections;
     product.layOut = [&](const Appliance& appliance) { layOut(appliance, scenario); };
     product.verdict = [&](const Outcome& outcome) { return verdict(scenario, outcome); };
     products.push_back(std::move(product));
