@@ -12,6 +12,7 @@
 //                        hit <function>              what was made to fail
 //                        nothing <function>          SHORT, but there were not two bytes to halve,
 //                                                    or no way back in the file
+//                        set <seconds> <value>       a property that the management library took
 //                        refused <seconds>           the last allocation that failed, of a process
 //                                                    that has failed in one
 //                      and, when nothing is to fail:
@@ -480,8 +481,16 @@ FAULTS_CALL(int, -1, corvane_get_config, "", (corvane_handle * handle, int resou
             resource)
 FAULTS_CALL(int, -1, corvane_set_config, "", (corvane_handle * handle, int resource), handle,
             resource)
-FAULTS_CALL(int, -1, corvane_set_property_string, value,
-            (corvane_handle * handle, const char* name, const char* value), handle, name, value)
+
+FAULTS_INTERPOSED int corvane_set_property_string(corvane_handle* handle, const char* name,
+                                                  const char* value) {
+  static auto* const real =
+      next<int(corvane_handle*, const char*, const char*)>("corvane_set_property_string");
+  if (fails(FAULTS_CALLER, "corvane_set_property_string", value)) return -1;
+  const int result = real(handle, name, value);
+  if (result == 0) tell("set %lld %s\n", seconds(), value);
+  return result;
+}
 
 FAULTS_INTERPOSED int corvane_close(corvane_handle* handle) {
   static auto* const real = next<int(corvane_handle*)>("corvane_close");

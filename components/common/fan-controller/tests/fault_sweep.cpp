@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <map>
-#include <sstream>
 
 #include "sweep.h"
 
@@ -17,11 +16,12 @@ const std::string FAN = "/sys/fan", SENSOR = "/sys/temp", ALARM = "/sys/alarm";
 const std::string CONFIG = "/etc/fan_controller", STATUS = "/var/run/status";
 const std::string SETTINGS = CONFIG + "/fan_controller.conf", TABLE = CONFIG + "/fan_cmd_tab.conf";
 const std::string HIGH = "/var/tmp/high_temp_alert", CRITICAL = "/var/tmp/crit_temp_alert";
+const std::string RECOVERED = "FanRaisedFromDead";
 const std::string OLD = "old";  // the status file, until it is written again after kHot
 const std::string FAILED = "/var/tmp/fan_failed_alert";
-// Changes of temperature that have to be followed: after the first cycle's second, and absolute.
-// The first of them may take as long as the service waits at most, and a cycle.
-constexpr long kCalm = 350, kCalmBy = kCalm + 300 + 100;
+// Changes of temperature that have to be followed, after one as soon as no call fails any more.
+// That one may take as long as the service waits at most, and a cycle.
+constexpr long kDelay = 300 + 100;
 constexpr long kHot = 1400, kCool = 1700, kStop = 2000;
 
 struct Scenario {
@@ -31,6 +31,10 @@ struct Scenario {
   long start = 0;         // second of the first cycle
   std::vector<Event> events = {};
   void (*layOut)(const Appliance&) = [](const Appliance&) {};
+
+  // The second up to which calls fail: three cycles, and the fan's end and recovery.
+  long until() const { return start + (alarm ? 480 : 300); }
+  long calm() const { return until() + 50; }
 };
 
 const std::map<std::string, Scenario> SCENARIOS = {
@@ -103,7 +107,7 @@ void layOut(const Appliance& appliance, const Scenario& scenario) {
   };
   change(scenario.start + 50, hot);
   change(scenario.start + 150, scenario.critical ? critical : mild);
-  change(scenario.start + kCalm, calm);
+  change(scenario.calm(), calm);
   events.emplace_back(kHot, "write " + STATUS + " " + OLD);
   change(kHot, scenario.critical ? critical : hot);
   change(kCool, cool);
@@ -162,6 +166,14 @@ std::vector<State> states(const Scenario& scenario, const Fault* fault) {
 const std::string UPDATING = "syslog 4 updating m_currentCmd to val ";
 const std::string SENT = "syslog 6 Send new value to fan ";
 
+// Whether the library has the word of the fan's recovery before a second.
+bool tellsRecovery(const Outcome& outcome, long before) {
+  return std::any_of(outcome.log.begin(), outcome.log.end(), [&](const std::string& line) {
+    return line.starts_with("set ") && line.ends_with(" " + RECOVERED) &&
+           std::stol(line.substr(4)) < before;
+  });
+}
+
 bool isOld(const std::string& status) { return status.starts_with(OLD); }
 
 // What speaks against a state; empty when all that belongs to it is there.
@@ -190,8 +202,8 @@ std::string problemOf(const State& state, const Scenario& scenario, const Outcom
   if (state.table) {
     const std::string lastWord = !state.alarm || !state.fan ? "OK"
                                  : state.ownAlarm           ? "FanFailed"
-                                                            : "FanRaisedFromDead";
-    need(outcome.has(UPDATING + "100", scenario.start, scenario.start + kCalmBy),
+                                                            : RECOVERED;
+    need(outcome.has(UPDATING + "100", scenario.calm(), scenario.calm() + kDelay),
          "the command when it is calm");
     need(outcome.has(UPDATING + "255", kHot, kCool), "the highest command when it is hot");
     need(outcome.has(UPDATING + command, kCool, kStop), "the command when it is cool");
@@ -210,6 +222,9 @@ std::string problemOf(const State& state, const Scenario& scenario, const Outcom
   if (state.alarm && state.fan) {
     const long from = state.ownAlarm ? kCool : kHot;
     need(outcome.has("syslog 3 Creating " + FAILED + " file", from, from + 300), "a blocked fan");
+    const bool failed = outcome.has("syslog 3 Creating " + FAILED + " file", 0, kHot);
+    const bool isUntold = outcome.fault != nullptr && outcome.fault->about == RECOVERED;
+    need(!failed || isUntold || tellsRecovery(outcome, kHot), "the word of the fan's recovery");
     need(appliance.exists(FAILED) == state.ownAlarm, "what becomes of the blocked fan");
   }
 
@@ -239,22 +254,6 @@ bool measuresNothing(const Scenario& scenario, const Outcome& outcome) {
          held.c_str() == last;
 }
 
-// The second up to which calls fail: three cycles, and the fan's end and recovery.
-long until(const Scenario& scenario) { return scenario.start + (scenario.alarm ? 480 : 300); }
-
-bool recovers(const Scenario& scenario, const Outcome& outcome) {
-  const auto isWord = [&](const std::string& line) {
-    std::istringstream words(line);
-    std::string kind, number, function, word;
-    long second = 0;
-    words >> kind >> number >> second >> function >> word;
-    return function == "corvane_set_property_string" && word == "FanRaisedFromDead" &&
-           second <= until(scenario);
-  };
-  return outcome.has("syslog 3 Creating " + FAILED + " file", 0, until(scenario)) &&
-         std::any_of(outcome.log.begin(), outcome.log.end(), isWord);
-}
-
 // How many connections to the management library stay open: the start-up's, if it had one.
 int connections(const Outcome& outcome) {
   const std::string line = "getting corvane fan config";
@@ -280,7 +279,8 @@ std::string verdict(const Scenario& scenario, const Outcome& outcome) {
   if (outcome.starter != 0) {
     return "!the command that starts it ended with status " + std::to_string(outcome.starter);
   }
-  if (fault == nullptr && scenario.alarm && !recovers(scenario, outcome)) {
+  const bool failed = outcome.has("syslog 3 Creating " + FAILED + " file", 0, scenario.until());
+  if (fault == nullptr && scenario.alarm && !(failed && tellsRecovery(outcome, scenario.until()))) {
     return "!the fan does not fail and recover while calls fail";
   }
   if (fault != nullptr && fault->kind == "from" && measuresNothing(scenario, outcome)) {
@@ -306,7 +306,7 @@ int main(int argc, char** argv) {
     product.arguments = {"--config-dir=" + CONFIG};
     if (pipe || closed) product.arguments.emplace_back("--verbose");
     product.output = pipe ? Output::kPipe : closed ? Output::kClosedPipe : Output::kFile;
-    product.until = until(scenario);
+    product.until = scenario.until();
     product.kept = "/corvane";
     product.mayKeep = connections;
     product.layOut = [&](const Appliance& appliance) { layOut(appliance, scenario); };
