@@ -69,6 +69,7 @@ std::vector<std::string> commandLine(const Appliance& appliance, const Program::
     (void)::setsid();
     (void)::ioctl(start.terminal, TIOCSCTTY, 0);
   }
+  (void)::alarm(start.seconds);
   (void)::execvp(words[0], words);
   ::_exit(kCannotExecute);
 }

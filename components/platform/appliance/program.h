@@ -56,6 +56,7 @@ class Program {
     int terminal = -1;  // a terminal: the program leads a session on it
     Limits limits = {};
     std::string preload = {};  // a library that stands before the simulation
+    unsigned seconds = 0;  // SIGALRM ends what is started, not its children, after them; 0: never
   };
 
   // Returns when the process that was started has ended, and has left a daemon or not. Standard

@@ -19,8 +19,8 @@ struct CallRow {
 inline constexpr CallRow CALL_ROWS[] = {
     {"__open64_2", "EINTR EMFILE EIO EAGAIN ENOMEM"},
     {"__syslog_chk", "LOST"},
-    {"closedir", "EINTR EIO"},
     {"close", "EINTR EIO ENOSPC"},
+    {"closedir", "EINTR EIO"},
     {"corvane_close", "FAILS"},
     {"corvane_get_config", "FAILS"},
     {"corvane_init", "FAILS"},

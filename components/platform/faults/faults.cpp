@@ -10,6 +10,11 @@
 //   FAULTS_LOG         a file that gets a line for each of these:
 //                        open <descriptor> <path>    left open at the end of a process
 //                        hit <function>              what was made to fail
+//                        nothing <function>          SHORT, but there were not two bytes to halve,
+//                                                    or no way back in the file
+//                        set <seconds> <value>       a property that the management library took
+//                        refused <seconds>           the last allocation that failed, of a process
+//                                                    that has failed in one
 //                      and, when nothing is to fail:
 //                        call <number> <seconds> <function> <what it is about>
 //                        allocation <number> <seconds> malloc <bytes>
@@ -17,7 +22,8 @@
 //   FAULTS_ALLOCATION  the number of the allocation that fails; FAULTS_FROM: all from this one on
 //
 // Numbers begin at 1 and go on from a process to its child; what a parent does after its fork() is
-// not counted. APPLIANCE_EPOCH has to be 0 for the seconds.
+// not counted. APPLIANCE_EPOCH has to be 0 for the seconds. A process that ends with _exit or by a
+// signal writes no lines `open` and `refused`: what it was about to give back is not lost.
 #include <corvane.h>
 #include <dirent.h>
 #include <dlfcn.h>
@@ -99,6 +105,7 @@ struct State {
   int error;
   long failingAllocation;
   long failingFrom;
+  long long refused;                   // second of the last allocation that failed, or -1
   char names[kDescriptors][kNameMax];  // what a descriptor was opened as
 };
 constinit State state{};
@@ -136,7 +143,8 @@ int nextCall(const char* function, const char* about) {
   ++state.calls;
   if (state.lists) tell("call %ld %lld %s %s\n", state.calls, seconds(), function, about);
   if (state.calls != state.failingCall) return 0;
-  tell("hit %s\n", function);
+  // Of a half, it is not known yet.
+  if (state.error != kShort) tell("hit %s\n", function);
   return state.error;
 }
 
@@ -154,6 +162,7 @@ bool allocationFails(const void* caller, std::size_t size) {
   const bool isFrom = state.failingFrom != 0 && number >= state.failingFrom;
   if (number != state.failingAllocation && !isFrom) return false;
   if (number == state.failingAllocation || number == state.failingFrom) tell("hit malloc\n");
+  state.refused = seconds();
   errno = ENOMEM;
   return true;
 }
@@ -172,6 +181,8 @@ void setName(int descriptor, const char* name) {
 
 std::size_t half(std::size_t size) { return (size + 1) / 2; }
 
+void tellShort(const char* function, bool is) { tell("%s %s\n", is ? "hit" : "nothing", function); }
+
 ssize_t readCounted(int descriptor, void* buffer, std::size_t size) {
   static auto* const real = next<ssize_t(int, void*, std::size_t)>("read");
   const int error = nextCall("read", nameOf(descriptor));
@@ -180,9 +191,11 @@ ssize_t readCounted(int descriptor, void* buffer, std::size_t size) {
   if (error != kShort) return real(descriptor, buffer, size);
   // Half of what there is.
   const ssize_t count = real(descriptor, buffer, size);
-  if (count < 2) return count;
-  const auto taken = static_cast<ssize_t>(half(static_cast<std::size_t>(count)));
-  return lseek(descriptor, taken - count, SEEK_CUR) < 0 ? count : taken;
+  const auto taken =
+      count < 2 ? count : static_cast<ssize_t>(half(static_cast<std::size_t>(count)));
+  const bool is = taken != count && lseek(descriptor, taken - count, SEEK_CUR) >= 0;
+  tellShort("read", is);
+  return is ? taken : count;
 }
 
 ssize_t writeCounted(int descriptor, const void* buffer, std::size_t size) {
@@ -190,6 +203,7 @@ ssize_t writeCounted(int descriptor, const void* buffer, std::size_t size) {
   const int error = nextCall("write", nameOf(descriptor));
   if (error > 0) errno = error;
   if (error > 0) return -1;
+  if (error == kShort) tellShort("write", size > 1);
   return real(descriptor, buffer, error == kShort ? half(size) : size);
 }
 
@@ -290,6 +304,7 @@ __attribute__((constructor)) void begin() {
   state.failingAllocation = numberFrom("FAULTS_ALLOCATION");
   state.failingFrom = numberFrom("FAULTS_FROM");
   state.lists = state.failingCall + state.failingAllocation + state.failingFrom == 0;
+  state.refused = -1;
   const char* const name = std::getenv("FAULTS_ERROR");
   for (const Error& error : kErrors) {
     if (name != nullptr && error.name == name) state.error = error.number;
@@ -298,6 +313,7 @@ __attribute__((constructor)) void begin() {
 }
 
 __attribute__((destructor)) void end() {
+  if (state.refused >= 0) tell("refused %lld\n", state.refused);
   for (int descriptor = STDERR_FILENO + 1; descriptor < kDescriptors; ++descriptor) {
     if (fcntl(descriptor, F_GETFD) < 0) continue;
     char link[kNameMax];
@@ -465,8 +481,16 @@ FAULTS_CALL(int, -1, corvane_get_config, "", (corvane_handle * handle, int resou
             resource)
 FAULTS_CALL(int, -1, corvane_set_config, "", (corvane_handle * handle, int resource), handle,
             resource)
-FAULTS_CALL(int, -1, corvane_set_property_string, value,
-            (corvane_handle * handle, const char* name, const char* value), handle, name, value)
+
+FAULTS_INTERPOSED int corvane_set_property_string(corvane_handle* handle, const char* name,
+                                                  const char* value) {
+  static auto* const real =
+      next<int(corvane_handle*, const char*, const char*)>("corvane_set_property_string");
+  if (fails(FAULTS_CALLER, "corvane_set_property_string", value)) return -1;
+  const int result = real(handle, name, value);
+  if (result == 0) tell("set %lld %s\n", seconds(), value);
+  return result;
+}
 
 FAULTS_INTERPOSED int corvane_close(corvane_handle* handle) {
   static auto* const real = next<int(corvane_handle*)>("corvane_close");

@@ -29,6 +29,7 @@ constexpr int kPatience = 30'000;  // milliseconds for a run
 constexpr std::size_t kLineMax = 1024;
 constexpr std::size_t kProgress = 1000;
 constexpr int kDecimal = 10;
+constexpr int kWrongUse = 2;
 
 bool isWrong(const std::string& verdict) { return verdict.starts_with("!"); }
 
@@ -90,7 +91,9 @@ class Run {
 
   std::string verdict() const {
     const std::string wrong = whatIsWrong();
-    return wrong.empty() ? m_product.verdict(m_outcome) : "!" + wrong;
+    if (!wrong.empty()) return "!" + wrong;
+    const std::string verdict = m_product.verdict(m_outcome);
+    return isIdle() && !isWrong(verdict) ? "nothing to shorten" : verdict;
   }
 
   // All that can fail in this run, which had no fault.
@@ -146,10 +149,12 @@ class Run {
     Program program(m_appliance, {.binary = binary,
                                   .arguments = m_product.arguments,
                                   .output = channel ? channel->writer->number : -1,
-                                  .preload = FAULTS_LIBRARY});
+                                  .preload = FAULTS_LIBRARY,
+                                  .seconds = kPatience / 1000});
     m_outcome.starter = program.parentStatus;
     if (program.daemon == 0) return;
     const Handle process(static_cast<int>(::syscall(SYS_pidfd_open, program.daemon, 0)));
+    if (process.number < 0) throw std::runtime_error("pidfd_open fails");
     pollfd end = {.fd = process.number, .events = POLLIN, .revents = 0};
     m_hangs = ::poll(&end, 1, kPatience) <= 0;
     if (m_hangs) return;
@@ -159,22 +164,31 @@ class Run {
     m_outcome.status = status;
   }
 
+  bool hasLine(const std::string& line) const {
+    return std::find(m_outcome.log.begin(), m_outcome.log.end(), line) != m_outcome.log.end();
+  }
+
+  // The call came, but there was nothing to make short.
+  bool isIdle() const {
+    return m_outcome.fault != nullptr && hasLine("nothing " + m_outcome.fault->function);
+  }
+
   // With any program, whatever failed.
   std::string whatIsWrong() const {
-    std::string hit;
     int kept = 0;
     for (const std::string& line : m_outcome.log) {
-      if (line.starts_with("hit ")) hit = line.substr(4);
       if (!line.starts_with("open ")) continue;
-      const bool mayStay =
-          !m_product.kept.empty() && line.ends_with(" " + m_appliance.at(m_product.kept));
-      if (!mayStay || ++kept > 1) return "a lost descriptor: " + line;
+      const bool isKept = line.ends_with(m_appliance.at(m_product.kept));
+      if (!isKept || ++kept > m_product.mayKeep(m_outcome)) return "a lost descriptor: " + line;
     }
-    if (m_outcome.fault != nullptr && hit != m_outcome.fault->function) {
-      return "the fault came elsewhere: " + (hit.empty() ? "nowhere" : hit);
+    const Fault* const fault = m_outcome.fault;
+    if (fault != nullptr && !hasLine("hit " + fault->function) && !isIdle()) {
+      return "the fault did not come";
     }
     if (m_hangs) return "it does not end";
-    if (m_outcome.starter < 0) return "the command that starts it was ended by a signal";
+    if (m_outcome.starter < 0) {
+      return "the command that starts it was ended by a signal, or did not end in time";
+    }
     if (m_outcome.status && WIFSIGNALED(*m_outcome.status)) {
       return "it was ended by signal " + std::to_string(WTERMSIG(*m_outcome.status));
     }
@@ -190,17 +204,46 @@ class Run {
 
 // --- All of them ---
 
-// The processes that share the faults; each leads a process group with what it starts.
 constexpr std::size_t kWorkersMax = 64;
-std::array<pid_t, kWorkersMax> workers{};
+constexpr int kSignalled = 128;
 
-void endAll(int signal) {
-  for (const pid_t worker : workers) {
-    if (worker > 0) (void)::kill(-worker, SIGKILL);
-  }
+// The process that sweeps leads a group, with all that it starts.
+volatile pid_t sweeper = 0;
+
+void endAll() {
+  (void)::kill(-sweeper, SIGKILL);
   while (::wait(nullptr) > 0) {
   }
-  ::_exit(128 + signal);
+}
+
+// Runs the sweep in a process of its own, and leaves none behind, whatever ends it.
+int supervise(const std::function<int()>& sweep) {
+  sigset_t ends;
+  (void)::sigemptyset(&ends);
+  for (const int number : {SIGHUP, SIGINT, SIGPIPE, SIGTERM}) (void)::sigaddset(&ends, number);
+  (void)::prctl(PR_SET_CHILD_SUBREAPER, 1);
+  (void)::sigprocmask(SIG_BLOCK, &ends, nullptr);
+  sweeper = ::fork();
+  if (sweeper < 0) return EXIT_FAILURE;
+  const bool isSweeper = sweeper == 0;
+  if (isSweeper) (void)::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  (void)::setpgid(sweeper, 0);
+  for (const int number : {SIGHUP, SIGINT, SIGPIPE, SIGTERM}) {
+    (void)std::signal(
+        number, isSweeper ? SIG_DFL : [](int signal) {
+          endAll();
+          ::_exit(kSignalled + signal);
+        });
+  }
+  (void)::sigprocmask(SIG_UNBLOCK, &ends, nullptr);
+  if (isSweeper) {
+    const int status = sweep();
+    std::exit(status);
+  }
+  siginfo_t end{};
+  (void)::waitid(P_PID, static_cast<id_t>(sweeper), &end, WEXITED | WNOWAIT);
+  endAll();
+  return end.si_code == CLD_EXITED ? end.si_status : kSignalled + end.si_status;
 }
 
 class Sweep {
@@ -238,9 +281,12 @@ class Sweep {
     std::erase_if(m_faults, [&](const Fault& fault) {
       return fault.name() != name && fault.product != name;
     });
-    if (m_faults.empty()) throw std::runtime_error("there is no fault of the name " + name);
+    if (m_faults.empty()) {
+      std::printf("there is no fault of the name %s\n", name.c_str());
+      return kWrongUse;
+    }
     if (m_faults.size() > 1) return all();
-    const Run run(m_binary, productOf(m_faults[0]), m_faults.data());
+    const Run run = runWith(m_faults[0]);
     run.show();
     const std::string verdict = run.verdict();
     report(m_faults[0], verdict);
@@ -248,9 +294,11 @@ class Sweep {
   }
 
  private:
-  const Product& productOf(const Fault& fault) const {
-    return *std::find_if(m_products.begin(), m_products.end(),
-                         [&](const Product& one) { return one.name == fault.product; });
+  Run runWith(const Fault& fault) const {
+    const auto product =
+        std::find_if(m_products.begin(), m_products.end(),
+                     [&](const Product& one) { return one.name == fault.product; });
+    return {m_binary, *product, &fault};
   }
 
   static void report(const Fault& fault, const std::string& verdict) {
@@ -264,11 +312,9 @@ class Sweep {
 
   // In one of some processes that share the faults: a line for each, its index and the verdict.
   [[noreturn]] void work(std::size_t first, std::size_t step, int results) const {
-    for (const int number : {SIGHUP, SIGINT, SIGTERM}) (void)std::signal(number, SIG_DFL);
     (void)::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    (void)::setpgid(0, 0);
     for (std::size_t i = first; i < m_faults.size(); i += step) {
-      const Run run(m_binary, productOf(m_faults[i]), &m_faults[i]);
+      const Run run = runWith(m_faults[i]);
       const std::string line = std::to_string(i) + " " + run.verdict() + "\n";
       if (::write(results, line.data(), line.size()) < 0) break;
     }
@@ -281,12 +327,8 @@ class Sweep {
     std::printf("%zu faults, in %zu processes\n", m_faults.size(), count);
     (void)std::fflush(stdout);
     Channel channel(Channel::kPipe);
-    (void)::prctl(PR_SET_CHILD_SUBREAPER, 1);
-    for (const int number : {SIGHUP, SIGINT, SIGTERM}) (void)std::signal(number, endAll);
     for (std::size_t i = 0; i < count; ++i) {
-      workers[i] = ::fork();
-      if (workers[i] == 0) work(i, count, channel.writer->number);
-      (void)::setpgid(workers[i], 0);
+      if (::fork() == 0) work(i, count, channel.writer->number);
     }
     channel.writer.reset();
     std::map<std::size_t, std::string> found;
@@ -336,6 +378,18 @@ class Sweep {
   std::vector<Fault> m_faults;
 };
 
+int sweepThrough(const std::vector<std::string>& words, const std::string& binary,
+                 const std::vector<Product>& products) {
+  try {
+    checkTable(binary);
+    Sweep sweep(binary, products);
+    return words[0] == "only" ? sweep.only(words[1]) : sweep.every(std::stoul(words[1]));
+  } catch (const std::exception& error) {
+    std::printf("%s\n", error.what());
+    return 1;
+  }
+}
+
 }  // namespace
 
 std::string Fault::name() const {
@@ -352,14 +406,10 @@ int sweepMain(int argc, char** argv, const std::string& binary,
               const std::vector<Product>& products) {
   // What was handed down is not the program's.
   (void)::close_range(STDERR_FILENO + 1, ~0U, 0);
-  try {
-    const std::vector<std::string> words(argv + 1, argv + argc);
-    if (words.size() != 2) throw std::runtime_error("usage: every NUMBER | only NAME");
-    checkTable(binary);
-    Sweep sweep(binary, products);
-    return words[0] == "only" ? sweep.only(words[1]) : sweep.every(std::stoul(words[1]));
-  } catch (const std::exception& error) {
-    std::printf("%s\n", error.what());
-    return 1;
+  const std::vector<std::string> words(argv + 1, argv + argc);
+  if (words.size() != 2) {
+    std::printf("usage: every NUMBER | only NAME\n");
+    return kWrongUse;
   }
+  return supervise([&] { return sweepThrough(words, binary, products); });
 }

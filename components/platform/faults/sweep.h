@@ -42,8 +42,9 @@ struct Product {
   std::string name;
   std::vector<std::string> arguments;
   Output output = Output::kFile;
-  long until = 0;         // calls and allocations fail up to this second
-  std::string kept = {};  // a path that the daemon may leave open once
+  long until = 0;    // calls and allocations fail up to this second
+  std::string kept;  // a path that the daemon may leave open, as often as mayKeep says
+  std::function<int(const Outcome&)> mayKeep;
   std::function<void(const Appliance&)> layOut;
   // The name of the state that the program has come to, by what it has left; "!" and what is wrong
   // with it if it must not come to that. Not asked after a signal's end or a lost descriptor.
@@ -51,7 +52,9 @@ struct Product {
 };
 
 // The program of a sweep: `every NUMBER`, every NUMBERth fault of all products, or `only NAME`, all
-// of one product or a single one. Prints findings and a summary; the exit status, 1 with findings.
+// of one product or a single one. Prints findings and a summary; the exit status, 1 with findings,
+// 2 for a name that no fault has. What it starts ends with it, also by SIGHUP, SIGINT, SIGPIPE and
+// SIGTERM.
 // Fails too when the binary takes a function from a library that calls.h does not know, when no
 // product makes a call that can fail, and when a product does not work without a fault.
 int sweepMain(int argc, char** argv, const std::string& binary,

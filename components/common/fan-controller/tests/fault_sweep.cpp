@@ -16,8 +16,13 @@ const std::string FAN = "/sys/fan", SENSOR = "/sys/temp", ALARM = "/sys/alarm";
 const std::string CONFIG = "/etc/fan_controller", STATUS = "/var/run/status";
 const std::string SETTINGS = CONFIG + "/fan_controller.conf", TABLE = CONFIG + "/fan_cmd_tab.conf";
 const std::string HIGH = "/var/tmp/high_temp_alert", CRITICAL = "/var/tmp/crit_temp_alert";
+const std::string RECOVERED = "FanRaisedFromDead";
+const std::string OLD = "old";  // the status file, until it is written again after kHot
 const std::string FAILED = "/var/tmp/fan_failed_alert";
-constexpr long kHot = 1000, kCool = 1300, kStop = 1600;  // the changes that have to be followed
+// Changes of temperature that have to be followed, after one as soon as no call fails any more.
+// That one may take as long as the service waits at most, and a cycle.
+constexpr long kDelay = 300 + 100;
+constexpr long kHot = 1400, kCool = 1700, kStop = 2000;
 
 struct Scenario {
   bool fan = true, gpio = false, closeLoop = false, sensor = true, alarm = false;
@@ -26,6 +31,10 @@ struct Scenario {
   long start = 0;         // second of the first cycle
   std::vector<Event> events = {};
   void (*layOut)(const Appliance&) = [](const Appliance&) {};
+
+  // The second up to which calls fail: three cycles, and the fan's end and recovery.
+  long until() const { return start + (alarm ? 480 : 300); }
+  long calm() const { return until() + 50; }
 };
 
 const std::map<std::string, Scenario> SCENARIOS = {
@@ -37,10 +46,10 @@ const std::map<std::string, Scenario> SCENARIOS = {
      {.alarm = true,
       .events = {{20, "write " + ALARM + " 1"},
                  {35, "remove /corvane/resource-16"},
-                 {120, "write " + ALARM + " 0"},
+                 {200, "write " + ALARM + " 0"},
                  {kHot + 20, "write " + ALARM + " 1"},
-                 {kHot + 150, "write " + ALARM + " 0"},
-                 {kCool + 20, "write " + FAN + "/fan1_alarm 1"}},
+                 {kHot + 250, "write " + ALARM + " 0"},
+                 {kCool + 120, "write " + FAN + "/fan1_alarm 1"}},
       .layOut =
           [](const Appliance& appliance) {
             fs::create_directory(appliance.at("/corvane"));
@@ -89,7 +98,8 @@ void layOut(const Appliance& appliance, const Scenario& scenario) {
 
   // The sensor's temperature, and the disk that is the only one from then on.
   const std::pair<const char*, const char*> hot = {"60000", "sdc"}, critical = {"70000", "sde"},
-                                            mild = {"42000", "sdd"}, cool = {"51000", "sda"};
+                                            mild = {"42000", "sdd"}, calm = {"31000", "sdb"},
+                                            cool = {"51000", "sda"};
   std::vector<Event> events = scenario.events;
   const auto change = [&](long second, const auto& to) {
     events.emplace_back(second, "write " + SENSOR + " " + to.first);
@@ -97,7 +107,8 @@ void layOut(const Appliance& appliance, const Scenario& scenario) {
   };
   change(scenario.start + 50, hot);
   change(scenario.start + 150, scenario.critical ? critical : mild);
-  change(scenario.start + 350, mild);
+  change(scenario.calm(), calm);
+  events.emplace_back(kHot, "write " + STATUS + " " + OLD);
   change(kHot, scenario.critical ? critical : hot);
   change(kCool, cool);
   for (const long second : {kStop, kStop + 100}) events.emplace_back(second, "signal TERM");
@@ -155,6 +166,25 @@ std::vector<State> states(const Scenario& scenario, const Fault* fault) {
 const std::string UPDATING = "syslog 4 updating m_currentCmd to val ";
 const std::string SENT = "syslog 6 Send new value to fan ";
 
+// Whether the library has the word of the fan's recovery before a second.
+bool tellsRecovery(const Outcome& outcome, long before) {
+  return std::any_of(outcome.log.begin(), outcome.log.end(), [&](const std::string& line) {
+    return line.starts_with("set ") && line.ends_with(" " + RECOVERED) &&
+           std::stol(line.substr(4)) < before;
+  });
+}
+
+// The command in force before a second. It may have come early: without a disk it is the lowest.
+std::string lastUpdate(const Outcome& outcome, long before) {
+  std::string last;
+  for (const auto& [second, entry] : outcome.journal) {
+    if (second < before && entry.starts_with(UPDATING)) last = entry.substr(UPDATING.size());
+  }
+  return last;
+}
+
+bool isOld(const std::string& status) { return status.starts_with(OLD); }
+
 // What speaks against a state; empty when all that belongs to it is there.
 std::string problemOf(const State& state, const Scenario& scenario, const Outcome& outcome) {
   const Appliance& appliance = outcome.appliance;
@@ -179,7 +209,10 @@ std::string problemOf(const State& state, const Scenario& scenario, const Outcom
   const std::string& flag = scenario.critical ? CRITICAL : HIGH;
   const std::string word = appliance.read("/corvane/resource-16");
   if (state.table) {
-    const std::string fanWord = state.ownAlarm ? "FanFailed" : "FanRaisedFromDead";
+    const std::string lastWord = !state.alarm || !state.fan ? "OK"
+                                 : state.ownAlarm           ? "FanFailed"
+                                                            : RECOVERED;
+    need(lastUpdate(outcome, scenario.calm() + kDelay) == "100", "the command when it is calm");
     need(outcome.has(UPDATING + "255", kHot, kCool), "the highest command when it is hot");
     need(outcome.has(UPDATING + command, kCool, kStop), "the command when it is cool");
     need(outcome.has("syslog 3 Creating " + flag + " file", kHot, kCool),
@@ -187,7 +220,7 @@ std::string problemOf(const State& state, const Scenario& scenario, const Outcom
     need(outcome.has("syslog 3 The temperature of the drive(s) is now normal.", kCool, kStop),
          "the normal alert");
     need(!appliance.exists(flag), "the end of the flag");
-    need(word == "status=OK\n" || (state.alarm && word == "status=" + fanWord + "\n"), "the word");
+    need(word == "status=" + lastWord + "\n", "the word");
   } else {
     need(!outcome.has(UPDATING + "1") && !outcome.has(UPDATING + "2"), "no other command");
     need(appliance.exists(HIGH), "the flag at any temperature");
@@ -197,6 +230,9 @@ std::string problemOf(const State& state, const Scenario& scenario, const Outcom
   if (state.alarm && state.fan) {
     const long from = state.ownAlarm ? kCool : kHot;
     need(outcome.has("syslog 3 Creating " + FAILED + " file", from, from + 300), "a blocked fan");
+    const bool failed = outcome.has("syslog 3 Creating " + FAILED + " file", 0, kHot);
+    const bool isUntold = outcome.fault != nullptr && outcome.fault->about == RECOVERED;
+    need(!failed || isUntold || tellsRecovery(outcome, kHot), "the word of the fan's recovery");
     need(appliance.exists(FAILED) == state.ownAlarm, "what becomes of the blocked fan");
   }
 
@@ -204,12 +240,13 @@ std::string problemOf(const State& state, const Scenario& scenario, const Outcom
   const std::string line = state.sensor ? "System Temp is " + is + " : 51degC\n"
                                         : "_is_" + is + " ; Temp HDD1 = 34degC  [Model: sda\t";
   const std::string status = appliance.read(STATUS);
-  need(state.settings ? status.find(line) != std::string::npos : status.empty(), "the status file");
+  need(state.settings ? status.find(line) != std::string::npos : isOld(status), "the status file");
   need(!appliance.exists("/var/run/fan_controller.pid"), "the end of the pid file");
   return problem;
 }
 
-// Without memory neither the sensor nor the list of disks can be read: the last command stays.
+// Without memory neither the sensor nor the list of disks can be read: the last command stays, and
+// the status file. The service still tries.
 bool measuresNothing(const Scenario& scenario, const Outcome& outcome) {
   std::string last = "0\n";
   for (const auto& [second, entry] : outcome.journal) {
@@ -217,7 +254,19 @@ bool measuresNothing(const Scenario& scenario, const Outcome& outcome) {
   }
   const bool isTarget = scenario.gpio || scenario.closeLoop;
   const std::string held = outcome.appliance.read(FAN + (isTarget ? "/fan1_target" : "/pwm1"));
-  return !outcome.has("syslog 4 updating", kHot) && held.c_str() == last;
+  const auto isLate = [](const std::string& line) {
+    return line.starts_with("refused ") && std::stol(line.substr(8)) >= kCool;
+  };
+  return std::any_of(outcome.log.begin(), outcome.log.end(), isLate) &&
+         isOld(outcome.appliance.read(STATUS)) && !outcome.has("syslog 4 updating", kHot) &&
+         held.c_str() == last;
+}
+
+// How many connections to the management library stay open: the start-up's, if it had one.
+int connections(const Outcome& outcome) {
+  const std::string line = "getting corvane fan config";
+  const bool isLost = outcome.fault != nullptr && outcome.fault->about == line;
+  return isLost || outcome.has("syslog 6 " + line) ? 1 : 0;
 }
 
 std::string verdict(const Scenario& scenario, const Outcome& outcome) {
@@ -234,7 +283,14 @@ std::string verdict(const Scenario& scenario, const Outcome& outcome) {
     const bool tornDown = outcome.has("syslog 6 The fan controller service has been stopped.");
     return wasThere == tornDown ? "ended with status 1" : "!not torn down";
   }
-  if (status != 0 || outcome.starter != 0) return "!it ended with status " + std::to_string(status);
+  if (status != 0) return "!it ended with status " + std::to_string(status);
+  if (outcome.starter != 0) {
+    return "!the command that starts it ended with status " + std::to_string(outcome.starter);
+  }
+  const bool failed = outcome.has("syslog 3 Creating " + FAILED + " file", 0, scenario.until());
+  if (fault == nullptr && scenario.alarm && !(failed && tellsRecovery(outcome, scenario.until()))) {
+    return "!the fan does not fail and recover while calls fail";
+  }
   if (fault != nullptr && fault->kind == "from" && measuresNothing(scenario, outcome)) {
     return "cannot measure, the command stays";
   }
@@ -258,8 +314,9 @@ int main(int argc, char** argv) {
     product.arguments = {"--config-dir=" + CONFIG};
     if (pipe || closed) product.arguments.emplace_back("--verbose");
     product.output = pipe ? Output::kPipe : closed ? Output::kClosedPipe : Output::kFile;
-    product.until = scenario.start + (scenario.alarm ? 420 : 300);  // three cycles
+    product.until = scenario.until();
     product.kept = "/corvane";
+    product.mayKeep = connections;
     product.layOut = [&](const Appliance& appliance) { layOut(appliance, scenario); };
     product.verdict = [&](const Outcome& outcome) { return verdict(scenario, outcome); };
     products.push_back(std::move(product));
