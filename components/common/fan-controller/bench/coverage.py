@@ -31,8 +31,9 @@ def main():
         sys.exit("usage: coverage.py BUILD FOLDER")
     folder = sys.argv[2].rstrip("/") + "/"
     lines, branches = {}, {}
-    for counters in sorted(pathlib.Path(sys.argv[1]).resolve().rglob("*.gcda")):
-        result = subprocess.run(["gcov", "--json-format", "--branch-probabilities", "--stdout", counters],
+    # What the compiler has left beside each object file: there are no counters of what no test runs.
+    for notes in sorted(pathlib.Path(sys.argv[1]).resolve().rglob("*.gcno")):
+        result = subprocess.run(["gcov", "--json-format", "--branch-probabilities", "--stdout", notes],
                                 capture_output=True, check=True)
         for text in result.stdout.splitlines():
             for file in json.loads(text)["files"]:

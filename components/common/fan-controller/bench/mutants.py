@@ -5,13 +5,15 @@ usage: mutants.py BUILD [--faults N] [--seed S] [--only FILE] [--again]
 
 BUILD is a build tree of the tests without optimization (scripts/mutate makes it). The faults are
 chosen by the seed, evenly over the lines: first one for each line, then a second one, until there are
-N that compile to other code than before. A fault counts as noticed when a test fails, twice in a row,
-or does not come to its end in time.
+N that compile to other code than before. A fault counts as noticed when a test fails twice in a row;
+one that does not come to its end in time has twice the time when it is tried again, and is counted
+apart. Before the first fault and after the last one all tests have to pass without a fault, or the
+status is 2 and no result is written.
 
 What no test notices has to stand in tests/survivors with the reason why that is so. Prints the
 others as a diff and ends with 1 when there is one. BUILD/result is for scripts/evidence: the numbers
-of faults, noticed, explained and unexplained, then place, line before, line after and reason of each
-that no test notices.
+of faults, noticed, noticed by time only, explained and unexplained, then place, line before, line
+after and reason of each that no test notices.
 """
 import argparse
 import concurrent.futures
@@ -33,6 +35,7 @@ from dataclasses import dataclass
 TESTS = pathlib.Path(__file__).resolve().parent.parent / "tests"
 SOURCE = TESTS.parent / "source"
 LATE = "no end in time"
+BY_TIME = ", by time,"
 LIMITS = ["prlimit", "--fsize=67108864", "--cpu=60", "--as=4294967296", "--core=0"]
 
 
@@ -266,11 +269,12 @@ class Desk:
                 pass
 
     def fails(self, suite, patience, attempts=1):
-        """What a suite says when it fails; nothing when it passes."""
+        """What a suite says when it fails; nothing when it passes. LATE when an attempt came to no end;
+        the next one has twice the time."""
         command = [*LIMITS, "./fan_controller_tests", f"--source-file=*/{suite}_test.cpp",
                    "--abort-after=1"]
         environment = {**os.environ, "TMPDIR": self.temporary}
-        output = None
+        output, late = None, False
         for _ in range(attempts):
             if self.tree.stopping:
                 return "stopped"
@@ -280,7 +284,8 @@ class Desk:
             try:
                 output = run.communicate(timeout=patience)[1].decode(errors="replace")
             except subprocess.TimeoutExpired:
-                output = LATE
+                late = True
+                patience *= 2
                 self.end_all()
                 run.kill()
                 run.communicate()
@@ -290,9 +295,7 @@ class Desk:
                 shutil.rmtree(entry.path, ignore_errors=True)
             if run.returncode == 0:
                 return None
-            if output == LATE:
-                break
-        return output
+        return LATE if late else output
 
     def try_fault(self, fault):
         """(verdict, suite): "no code", "same code", "noticed" by the suite, or "survived"."""
@@ -311,7 +314,7 @@ class Desk:
             busy = max(1, os.getloadavg()[0] / len(os.sched_getaffinity(0)))
             output = self.fails(suite, (5 + 6 * seconds) * busy, attempts=2)
             if output is not None:
-                return "noticed", suite if output != LATE else suite + ", by time,"
+                return "noticed", suite if output != LATE else suite + BY_TIME
         return "survived", ""
 
 
@@ -351,9 +354,9 @@ def main():
             if not link_again(desk):
                 return "it cannot be built"
             times = []
-            for suite, _ in tree.suites:
+            for suite, seconds in tree.suites:
                 start = time.monotonic()
-                output = desk.fails(suite, 120)
+                output = desk.fails(suite, 120 + 6 * seconds)
                 if output is not None:
                     return f"{suite} fails without a fault:\n{output[-2000:]}"
                 times.append((suite, time.monotonic() - start))
@@ -403,6 +406,11 @@ def main():
                 if verdict in ("noticed", "survived") and tried % 25 == 0:
                     print(f"{tried} of {arguments.faults} faults, {time.monotonic() - began:.0f} s",
                           flush=True)
+        # If the machine broke on the way, each fault since then was "noticed".
+        for result in pool.map(passes, desks):
+            if isinstance(result, str):
+                print("After the last fault: " + result, file=sys.stderr)
+                return 2
     finally:
         tree.stopping = True
         pool.shutdown(wait=False, cancel_futures=True)
@@ -435,6 +443,7 @@ def conclude(arguments, sources, results, counts, seconds):
             unexplained.append(key)
     noticed = counts.get("noticed", 0)
     tried = noticed + len(survivors)
+    late = sum(suite.endswith(BY_TIME) for _, verdict, suite in results if verdict == "noticed")
     by_suite = {}
     for _, verdict, suite in results:
         if verdict == "noticed":
@@ -443,12 +452,13 @@ def conclude(arguments, sources, results, counts, seconds):
         print(f"\n{place}: no test notices, and tests/survivors does not say why\n"
               f"- {before}\n+ {after}")
     score = 100 * noticed / tried if tried else 0
-    summary = (f"{tried} faults: {noticed} noticed ({score:.1f} %), {len(survivors) - len(unexplained)}"
+    summary = (f"{tried} faults: {noticed} noticed ({score:.1f} %), {late} of them by time"
+               f" only, {len(survivors) - len(unexplained)}"
                f" explained, {len(unexplained)} unexplained")
     print("\n" + ", ".join(f"{suite} noticed {count}" for suite, count in by_suite.items()) +
           f"; {counts.get('no code', 0)} more do not compile, {counts.get('same code', 0)} compile to "
           f"the same; seed {arguments.seed}, {seconds:.0f} s\n" + summary)
-    rows = [(tried, noticed, len(survivors) - len(unexplained), len(unexplained))]
+    rows = [(tried, noticed, late, len(survivors) - len(unexplained), len(unexplained))]
     rows += sorted((*key, reason or "") for *key, reason in survivors)
     (arguments.build / "result").write_text(
         "".join("\t".join(map(str, row)) + "\n" for row in rows))

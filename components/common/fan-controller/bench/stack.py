@@ -6,9 +6,12 @@ usage: stack.py FOLDER
 FOLDER holds what GCC's -fcallgraph-info=su writes beside each object file: *.ci. Frames that are in
 no such file, those of the C and C++ libraries, are not included.
 
-A function that is reached again from itself is counted more than once, as often as the service's own
-rules let it: see AGAIN. Prints "chain BYTES", the chain line by line, then the same of the signal
-handler, then a line each of "functions", "dynamic", "indirect" and "recursive".
+The chain is an upper bound: every call that stands in the code counts, whether it can be made at that
+point or not. A function that is reached again from itself is counted more than once, as often as the
+service's own rules let it: see AGAIN. Prints "chain BYTES", the chain line by line, then the same of
+the signal handler, then a line each of "functions", "dynamic" (frames whose size has no bound),
+"bounded" (frames that grow within a known bound), "indirect" and "recursive". Status 1: a function of
+the project is called and has no frame, or a function other than main calls through a pointer.
 """
 import pathlib
 import re
@@ -24,12 +27,14 @@ AGAIN = [(re.compile(r"_Rb_treeINSt7__cxx1112basic_string.*_M_erase"), 16),
 NODE = re.compile(r'^node: \{ title: "(.*?)" label: "(.*?)"(.*)\}$', re.M)
 EDGE = re.compile(r'^edge: \{ sourcename: "(.*?)" targetname: "(.*?)"', re.M)
 INDIRECT = "__indirect_call"
+# Of the C++ library, when no file has its frame.
+LIBRARY = re.compile(r"_Z(?:NK?St|St|[nd][wal])")
 
 
 class Graph:
     def __init__(self, folder):
-        self.frame, self.name, self.calls, self.dynamic = {}, {}, {}, set()
-        for path in sorted(folder.rglob("*.ci")):
+        self.frame, self.name, self.calls, self.kind = {}, {}, {}, {}
+        for path in sorted((folder / "components").rglob("*.ci")):
             text = path.read_text()
             for title, label, rest in NODE.findall(text):
                 size = re.search(r"(\d+) bytes \(([a-z,]+)\)", label)
@@ -39,11 +44,32 @@ class Graph:
                 # Without what the compiler has made of it, and without its template's arguments.
                 signature = re.sub(r" \[with .*", "", label.split("\\n")[0]).replace("{anonymous}::", "")
                 self.name[title] = signature
-                if size[2] == "dynamic":
-                    self.dynamic.add(title)
+                self.kind[title] = size[2]
             for source, target in EDGE.findall(text):
                 self.calls.setdefault(source, set()).add(target)
+        for source, targets in self.calls.items():
+            self.calls[source] = {self.body(target) for target in targets}
         self.group = self.groups()
+
+    def body(self, title):
+        """The name that has the frame: a second name of a function has none of its own, and neither has
+        a constructor or destructor of a complete object that is the same as that of a base."""
+        plain = title.removesuffix(".localalias")
+        for name in (title, plain, plain.rpartition(":")[2]):
+            for same in (name, re.sub(r"([CD])1(?=E)", r"\g<1>2", name)):
+                if same in self.frame:
+                    return same
+        return title
+
+    def without_frame(self):
+        """The project's functions that are called and have no frame."""
+        targets = set().union(*self.calls.values()) - set(self.frame)
+        return sorted(title for title in targets
+                      if ":" in title or title.startswith("_Z") and not LIBRARY.match(title))
+
+    def of_kind(self, kind):
+        names = sorted(self.name[title] for title in self.frame if self.kind[title] == kind)
+        return len(names), ", ".join(names)
 
     def callees(self, title):
         return [target for target in sorted(self.calls.get(title, ())) if target in self.frame]
@@ -127,11 +153,17 @@ def main():
     show(graph, "chain", "main")
     show(graph, "handler", handler[0])
     print("functions", len(graph.frame))
-    print("dynamic", len(graph.dynamic), *(graph.name[title] for title in sorted(graph.dynamic)))
+    print("dynamic", *graph.of_kind("dynamic"))
+    print("bounded", *graph.of_kind("dynamic,bounded"))
     indirect = sorted(graph.name[title] for title in graph.frame if INDIRECT in graph.calls.get(title, ()))
     print("indirect", len(indirect), ", ".join(indirect))
     recursive = sorted(graph.name[title] for title in graph.frame if graph.is_recursive(title))
     print("recursive", len(recursive), ", ".join(recursive))
+    missing = graph.without_frame()
+    if missing:
+        sys.exit("stack.py: called, and no file has the frame: " + ", ".join(missing))
+    if any(INDIRECT in targets for source, targets in graph.calls.items() if source != "main"):
+        sys.exit("stack.py: a function other than main calls through a pointer")
 
 
 if __name__ == "__main__":

@@ -114,6 +114,7 @@ TEST_CASE("which disks a partition list names") {
     return bench.m_hddDevices;
   };
   const std::string wide(252, ' ');
+  CHECK(Bench().updateMaxTempHDD(false) == -1);  // there is no list
   CHECK(devices(
             "major minor  #blocks  name\n\n   8  0  976 sda\n   8  1  97 sda1\n  31 0 4 mtdblock0\n"
             "   8 16 976 sdb\n   8 17 97 sdb9\n   9 0 976 md0\n 8 0 9 sdc") ==
