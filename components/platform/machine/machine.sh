@@ -49,8 +49,12 @@ need_kernel() {
     package=$(apt-cache depends linux-image-amd64 |
       awk '/Depends: linux-image-/ && !found { print $2; found = 1 }')
   }
-  find_kernel
-  [[ $package ]] || { quietly as_root apt-get update && find_kernel; }
+  # Without apt's lists apt-cache fails.
+  find_kernel || true
+  if [[ ! $package ]]; then
+    quietly as_root apt-get update || true
+    find_kernel || true
+  fi
   [[ $package ]] || fail 'there is no package linux-image-amd64'
   unpack "$package"
   version=${package#linux-image-}
@@ -188,6 +192,8 @@ boot() {
     reason="ended with: $(grep -am 1 -o 'Kernel panic.*' "$console" | tr -d '\r')"
   elif [[ ! $reason && ! $machine_end ]]; then
     reason="ended before its time. $(head -c 300 "$vm/$name.qemu")"
+  elif [[ ! $reason && $machine_verdicts == 0 ]]; then
+    reason='checked nothing'
   elif [[ ! $reason && $machine_end != "$machine_verdicts" ]]; then
     reason="reported $machine_end verdicts, of which $machine_verdicts arrived"
   fi
