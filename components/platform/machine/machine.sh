@@ -34,12 +34,21 @@ try_unpack() {
     dpkg-deb -x ./*.deb . && rm ./*.deb) && mv "$unpacked.new" "$unpacked"
 }
 
-# unpack PACKAGE: as above; apt's lists are brought up to date when they have no such package.
-unpack() {
+# take_cached PATTERN: the newest of the packages that were unpacked before.
+take_cached() {
+  unpacked=$(find "$vm/packages" -maxdepth 1 -name "$1" ! -name '*.new' 2>/dev/null | sort -V | tail -n 1)
+  [[ $unpacked ]] && say "Taking ${unpacked##*/}, which was unpacked before."
+}
+
+# get PACKAGE: as try_unpack. Apt's lists are brought up to date when they have no such package, and
+# another version that was unpacked before will do.
+get() {
   try_unpack "$1" && return
   quietly as_root apt-get update && try_unpack "$1" && return
-  fail "the package $1 could not be had"
+  take_cached "${1}_*"
 }
+
+unpack() { get "$1" || fail "the package $1 could not be had"; }
 
 # need_kernel: sets `kernel` (the file to boot), `version` (as uname -r says it) and `modules` (the
 # folder to look for modules in).
@@ -55,9 +64,11 @@ need_kernel() {
     quietly as_root apt-get update || true
     find_kernel || true
   fi
-  [[ $package ]] || fail 'there is no package linux-image-amd64'
-  unpack "$package"
-  version=${package#linux-image-}
+  if [[ ! $package ]] || ! get "$package"; then
+    take_cached 'linux-image-*_*' || fail 'there is no kernel: linux-image-amd64 could not be had'
+  fi
+  version=${unpacked##*/linux-image-}
+  version=${version%%_*}
   kernel=$unpacked/boot/vmlinuz-$version modules=$unpacked
   [[ -e $unpacked/lib/modules/$version/modules.dep ]] ||
     quietly /sbin/depmod -b "$unpacked" "$version"
@@ -135,6 +146,7 @@ end_all() {
   fi
   end_machine
   [[ ! $machine_scratch ]] || rm -rf --one-file-system "$machine_scratch"
+  rm -rf "$vm"/systemd-*.{img,tar} "$vm"/{packages.systemd,debian.new,*.root}
 }
 
 # show_verdict LINE
