@@ -149,15 +149,18 @@ end_all() {
   rm -rf "$vm"/systemd-*.{img,tar} "$vm"/{packages.systemd,debian.new,*.root}
 }
 
-# show_verdict LINE
+# show_verdict LINE. A text that begins with "..." goes on with the last one that does not, which is
+# shown once more with a failure.
 show_verdict() {
   local text=${1#* }
+  [[ $1 != PASS* && $1 != FAIL* || $text == ...* ]] || machine_subject=$text
   case $1 in
     'PASS '*)
       printf '  %sok%s      %s\n' "$green" "$plain" "$text"
       verdicts_passed=$((verdicts_passed + 1)) machine_verdicts=$((machine_verdicts + 1))
       ;;
     'FAIL '*)
+      [[ $text != ...* ]] || printf '          of: %s\n' "$machine_subject"
       printf '  %sFAILED%s  %s\n' "$red" "$plain" "$text"
       verdicts_failed=$((verdicts_failed + 1)) machine_verdicts=$((machine_verdicts + 1))
       machine_failed=yes
@@ -175,7 +178,7 @@ boot() {
   local name=$1 seconds=$2 began=$SECONDS reason='' line='' part alive=yes verdicts
   local console=$vm/$1.console report=$vm/$1.report
   shift 2
-  machine_failed='' machine_end='' machine_verdicts=0
+  machine_failed='' machine_end='' machine_subject='' machine_verdicts=0
   truncate -s 0 "$console" "$report"
   qemu-system-x86_64 -name "$name" -machine q35 -accel tcg -cpu max -smp 1 -m 512 \
     -nodefaults -no-user-config -display none -no-reboot \
