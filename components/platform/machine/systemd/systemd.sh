@@ -140,6 +140,10 @@ run_systemd() {
 
   say 'Booting, to install and upgrade ...'
   try_system install "$debian"
+  if [[ ! $machine_end ]]; then
+    say 'So there is nothing for the other machines to go on with.'
+    return
+  fi
   say 'Booting again, and a second machine beside it, whose verdicts come afterwards ...'
   rm -f "$beside"
   (
