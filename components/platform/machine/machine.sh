@@ -146,7 +146,7 @@ end_all() {
   fi
   end_machine
   [[ ! $machine_scratch ]] || rm -rf --one-file-system "$machine_scratch"
-  rm -rf "$vm"/systemd-*.{img,tar} "$vm"/{packages.systemd,debian.new,*.root}
+  rm -rf "$vm"/systemd-*.{img,tar} "$vm"/{packages.systemd,debian.new,*.root,packages/*.new}
 }
 
 # show_verdict LINE. A text that begins with "..." goes on with the last one that does not, which is
