@@ -34,12 +34,21 @@ try_unpack() {
     dpkg-deb -x ./*.deb . && rm ./*.deb) && mv "$unpacked.new" "$unpacked"
 }
 
-# unpack PACKAGE: as above; apt's lists are brought up to date when they have no such package.
-unpack() {
+# take_cached PATTERN: the newest of the packages that were unpacked before.
+take_cached() {
+  unpacked=$(find "$vm/packages" -maxdepth 1 -name "$1" ! -name '*.new' 2>/dev/null | sort -V | tail -n 1)
+  [[ $unpacked ]] && say "Taking ${unpacked##*/}, which was unpacked before."
+}
+
+# get PACKAGE: as try_unpack. Apt's lists are brought up to date when they have no such package, and
+# another version that was unpacked before will do.
+get() {
   try_unpack "$1" && return
   quietly as_root apt-get update && try_unpack "$1" && return
-  fail "the package $1 could not be had"
+  take_cached "${1}_*"
 }
+
+unpack() { get "$1" || fail "the package $1 could not be had"; }
 
 # need_kernel: sets `kernel` (the file to boot), `version` (as uname -r says it) and `modules` (the
 # folder to look for modules in).
@@ -49,11 +58,17 @@ need_kernel() {
     package=$(apt-cache depends linux-image-amd64 |
       awk '/Depends: linux-image-/ && !found { print $2; found = 1 }')
   }
-  find_kernel
-  [[ $package ]] || { quietly as_root apt-get update && find_kernel; }
-  [[ $package ]] || fail 'there is no package linux-image-amd64'
-  unpack "$package"
-  version=${package#linux-image-}
+  # Without apt's lists apt-cache fails.
+  find_kernel || true
+  if [[ ! $package ]]; then
+    quietly as_root apt-get update || true
+    find_kernel || true
+  fi
+  if [[ ! $package ]] || ! get "$package"; then
+    take_cached 'linux-image-*_*' || fail 'there is no kernel: linux-image-amd64 could not be had'
+  fi
+  version=${unpacked##*/linux-image-}
+  version=${version%%_*}
   kernel=$unpacked/boot/vmlinuz-$version modules=$unpacked
   [[ -e $unpacked/lib/modules/$version/modules.dep ]] ||
     quietly /sbin/depmod -b "$unpacked" "$version"
@@ -131,17 +146,21 @@ end_all() {
   fi
   end_machine
   [[ ! $machine_scratch ]] || rm -rf --one-file-system "$machine_scratch"
+  rm -rf "$vm"/systemd-*.{img,tar} "$vm"/{packages.systemd,debian.new,*.root,packages/*.new}
 }
 
-# show_verdict LINE
+# show_verdict LINE. A text that begins with "..." goes on with the last one that does not, which is
+# shown once more with a failure.
 show_verdict() {
   local text=${1#* }
+  [[ $1 != PASS* && $1 != FAIL* || $text == ...* ]] || machine_subject=$text
   case $1 in
     'PASS '*)
       printf '  %sok%s      %s\n' "$green" "$plain" "$text"
       verdicts_passed=$((verdicts_passed + 1)) machine_verdicts=$((machine_verdicts + 1))
       ;;
     'FAIL '*)
+      [[ $text != ...* ]] || printf '          of: %s\n' "$machine_subject"
       printf '  %sFAILED%s  %s\n' "$red" "$plain" "$text"
       verdicts_failed=$((verdicts_failed + 1)) machine_verdicts=$((machine_verdicts + 1))
       machine_failed=yes
@@ -159,7 +178,7 @@ boot() {
   local name=$1 seconds=$2 began=$SECONDS reason='' line='' part alive=yes verdicts
   local console=$vm/$1.console report=$vm/$1.report
   shift 2
-  machine_failed='' machine_end='' machine_verdicts=0
+  machine_failed='' machine_end='' machine_subject='' machine_verdicts=0
   truncate -s 0 "$console" "$report"
   qemu-system-x86_64 -name "$name" -machine q35 -accel tcg -cpu max -smp 1 -m 512 \
     -nodefaults -no-user-config -display none -no-reboot \
@@ -188,6 +207,8 @@ boot() {
     reason="ended with: $(grep -am 1 -o 'Kernel panic.*' "$console" | tr -d '\r')"
   elif [[ ! $reason && ! $machine_end ]]; then
     reason="ended before its time. $(head -c 300 "$vm/$name.qemu")"
+  elif [[ ! $reason && $machine_verdicts == 0 ]]; then
+    reason='checked nothing'
   elif [[ ! $reason && $machine_end != "$machine_verdicts" ]]; then
     reason="reported $machine_end verdicts, of which $machine_verdicts arrived"
   fi

@@ -23,8 +23,7 @@ run_kernel() {
   LD_LIBRARY_PATH=$libraries add_libraries "$root" "$root"/sbin/fan_controller "$root"/usr/sbin/* \
     "$root/usr/bin/scsi_disk"
   add_busybox "$root"
-  add_modules "$root" i2c-stub i2c-dev max6650 adt7475 emc2103 ahci sd_mod drivetemp tcm_loop \
-    target_core_user
+  add_modules "$root" i2c-stub i2c-dev max6650 adt7475 emc2103 ahci sd_mod tcm_loop target_core_user
   cp "$machine/guest.sh" "$machine/kernel/guest" "$root"
   printf '%s\n' '#!/bin/sh' '/bin/busybox --install -s' \
     'exec sh /guest </dev/console >/dev/console 2>&1' >"$root/init"

@@ -40,9 +40,14 @@ uptime_is() { (($(cut -d. -f1 /proc/uptime) >= $1)); }
 # --- The journal, from the moment of mark on ---
 
 mark() { sleep 1.1; since=$(date +%s); }
-journal() { journalctl -q --no-pager -o cat --since="@$since" "$@"; }
+journal() {
+  journalctl --sync 2>/dev/null # what was just said may be on its way
+  journalctl -q --no-pager -o cat --since="@$since" "$@"
+}
 said() { journal "${@:2}" | grep -Fq -- "$1"; } # TEXT [OPTION...]
 times_said() { journal "${@:2}" | grep -Fc -- "$1"; }
+
+notify_pauses() { [[ $(systemctl show -p SubState --value fanctl-notify.service) == start-post ]]; }
 
 # --- What the hook was told: a line an event ---
 

@@ -36,6 +36,8 @@ ExecStart=/bin/sh -c 'mkdir /run/checks && cd /run/checks && tar xf /dev/vdb && 
 StandardOutput=tty
 StandardError=tty
 TTYPath=/dev/ttyS0
+# A check has the kernel end a process of its own, for want of memory: systemd would stop the checks.
+OOMPolicy=continue
 TimeoutStopSec=5
 END
   ln -s ../checks.service "$units/multi-user.target.wants/"
@@ -54,25 +56,27 @@ END
 # need_debian: sets `debian`, the image of a disk, and makes it when there is none of this kernel and
 # this recipe.
 need_debian() {
-  local key folder=$vm/debian
+  local key folder=$vm/debian new=$vm/debian.new
   key=$(declare -f make_debian add_checks need_debian &&
     say "$version" "${debian_packages[@]}" "${debian_modules[@]}")
   key=$(sha256sum <<<"$key")
   debian=$folder/${key:0:16}.img
   [[ ! -e $debian ]] || return 0
-  rm -rf "$folder"
-  mkdir -p "$folder"/{root,checks}
-  make_debian "$folder/debian.tar" || fail 'the Debian system could not be made'
-  add_checks "$folder/checks"
-  tar -C "$folder/checks" --owner=0 --group=0 -cf "$folder/checks.tar" .
-  truncate -s 700M "$folder/new.img"
+  rm -rf "$new"
+  mkdir -p "$new"/{root,checks}
+  make_debian "$new/debian.tar" || fail 'the Debian system could not be made'
+  add_checks "$new/checks"
+  tar -C "$new/checks" --owner=0 --group=0 -cf "$new/checks.tar" .
+  truncate -s 700M "$new/new.img"
   # Files of root's, in an image that nobody has to be root for.
-  (cd "$folder" && quietly fakeroot sh -ec '
+  (cd "$new" && quietly fakeroot sh -ec '
     tar -C root -xf debian.tar --exclude="./dev/*"
     tar -C root --keep-directory-symlink -xf checks.tar
     mke2fs -q -t ext4 -E lazy_itable_init=0 -d root new.img') || fail 'the image could not be made'
-  rm -rf "$folder"/{root,checks,*.tar}
-  mv "$folder/new.img" "$debian"
+  rm -rf "$folder"
+  mkdir "$folder"
+  mv "$new/new.img" "$debian"
+  rm -rf "$new"
 }
 
 # make_initrd FILE: the kernel's modules for the disk, and a program that goes over to the system on it.
@@ -138,6 +142,10 @@ run_systemd() {
 
   say 'Booting, to install and upgrade ...'
   try_system install "$debian"
+  if [[ ! $machine_end ]]; then
+    say 'So there is nothing for the other machines to go on with.'
+    return
+  fi
   say 'Booting again, and a second machine beside it, whose verdicts come afterwards ...'
   rm -f "$beside"
   (
