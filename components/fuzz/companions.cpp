@@ -4,6 +4,7 @@
 
 #include "commands.h"
 #include "findings.h"
+#include "hwmon.h"
 #include "machine.h"
 #include "readers.h"
 
@@ -119,9 +120,9 @@ void read_guard(const Input& input) {
   int before = 0, after = 0;
   with_files(input, {kRecord, "/run/fan_controller/guard", command.c_str(), sensor.c_str(), kTable},
              [&] {
-               before = parse_int(read_attribute(command).value_or("").c_str());
+               before = read_number(command).value_or(0);
                (void)run_guard({}, {.serviceEnded = input.option});
-               after = parse_int(read_attribute(command).value_or("").c_str());
+               after = read_number(command).value_or(0);
              });
   expect(after >= before);
 }
