@@ -62,14 +62,17 @@ void read_lines(const Input& input) {
     const Configuration configuration = read_configuration(kOptions.configDir);
     Findings findings;
     check_files(configuration, Driver(), findings);
+    const auto lines = [](const char* path) {
+      return static_cast<std::size_t>(std::ranges::count(machine::text_of(path), '\n')) + 1;
+    };
+    const std::size_t settings = lines(kSettings), steps = lines(kTable);
     for (const Finding& finding : findings) {
-      const std::size_t colon = finding.place.rfind(':');
-      const bool ofTable = finding.place.substr(0, colon) == kTable;
-      expect(ofTable || finding.place.substr(0, colon) == kSettings);
-      const auto line = std::stoul(finding.place.substr(colon + 1));
-      const auto lines =
-          std::ranges::count(machine::text_of(ofTable ? kTable : kSettings), '\n') + 1;
-      expect(line >= 1 && line <= static_cast<std::size_t>(lines));
+      const std::string_view place = finding.place;
+      const std::size_t colon = place.rfind(':');
+      const bool ofTable = place.substr(0, colon) == kTable;
+      expect(ofTable || place.substr(0, colon) == kSettings);
+      const auto line = std::strtoul(place.substr(colon + 1).data(), nullptr, 10);
+      expect(line >= 1 && line <= (ofTable ? steps : settings));
     }
   });
 }

@@ -31,6 +31,7 @@ struct File {
   bool isLink = false, isGone = false;
 };
 std::deque<File> kept, fresh;  // in no order; what is fresh hides what is kept
+std::vector<const File*> links;
 
 // Of the main thread: the fuzzer's own threads, and what it does between the runs, are real.
 thread_local bool isRunning = false;
@@ -55,9 +56,9 @@ std::string resolved(std::string_view path, bool follow = true) {
   if (real.starts_with(kProcesses) && std::isdigit(static_cast<unsigned char>(real[6])) != 0) {
     real.replace(6, real.find_first_not_of("0123456789", 6) - 6, "1");
   }
-  for (std::size_t i = 0; i < kept.size(); ++i) {
-    const File& link = kept[i];
-    if (!link.isLink || !(lies_in(real, link.path) || (follow && real == link.path))) continue;
+  for (std::size_t i = 0; i < links.size(); ++i) {
+    const File& link = *links[i];
+    if (!(lies_in(real, link.path) || (follow && real == link.path))) continue;
     if (find(link.path) == nullptr) continue;
     real.replace(0, link.path.size(), link.text);
     i = static_cast<std::size_t>(-1);
@@ -231,6 +232,7 @@ void keep(const std::string& path, const std::string& text) { kept.push_back({pa
 
 void keep_link(const std::string& path, const std::string& target) {
   kept.push_back({path, target, true});
+  links.push_back(&kept.back());
 }
 
 void put(const std::string& path, std::string_view text) {
