@@ -119,7 +119,7 @@ build_preset() {
     say "build/$1 was configured with the appliance's own library. It now gets the" \
       'stand-in: configure it again before you install from it.' >&2
   fi
-  quietly cmake --preset "$1" '-UCORVANE_*' -UBUILD_TESTING -UFAN_TOOLS &&
+  quietly cmake --preset "$1" '-UCORVANE_*' -UBUILD_TESTING -UFAN_TOOLS -UFAN_LAB &&
     quietly cmake --build --preset "$1" -j "$(nproc)" ${2:+--target "${@:2}"} && return
   printf 'The build of %s failed.\n' "$1" >&2
   return 1
