@@ -20,60 +20,75 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <deque>
+#include <functional>
+#include <span>
+#include <unordered_map>
 
 namespace {
 
 // --- Files ---
 
 struct File {
-  std::string path, text;
+  std::string text;
   bool isLink = false, isGone = false;
 };
-std::deque<File> kept, fresh;  // in no order; what is fresh hides what is kept
-std::vector<const File*> links;
+// Found by their hash, as the sanitizer looks at each comparison of texts.
+struct Hash : std::hash<std::string_view> {
+  using is_transparent = void;
+};
+template <typename Value>
+using ByPath = std::unordered_map<std::string, Value, Hash, std::equal_to<>>;
+ByPath<File> kept;
+ByPath<std::vector<std::string>> folders;  // the names in the folders of what is kept, sorted
+std::vector<std::string> links;            // where they are
+ByPath<File> fresh;                        // hides what is kept
 
 // Of the main thread: the fuzzer's own threads, and what it does between the runs, are real.
 thread_local bool isRunning = false;
 
 File* find(std::string_view path) {
-  for (auto* const files : {&fresh, &kept}) {
-    for (File& file : *files) {
-      if (file.path == path) return file.isGone ? nullptr : &file;
-    }
+  if (const auto file = fresh.find(path); file != fresh.end()) {
+    return file->second.isGone ? nullptr : &file->second;
   }
-  return nullptr;
+  const auto file = kept.find(path);
+  return file == kept.end() ? nullptr : &file->second;
+}
+
+const File* link_at(std::string_view path) {
+  const File* const file = find(path);
+  return file != nullptr && file->isLink ? file : nullptr;
 }
 
 bool lies_in(std::string_view path, std::string_view folder) {
   return path.size() > folder.size() && path[folder.size()] == '/' && path.starts_with(folder);
 }
 
-// Every process is number 1, whatever number it is asked by.
-std::string resolved(std::string_view path, bool follow = true) {
-  std::string real(path.substr(0, path.find_last_not_of('/') + 1));
+// Until the next one. Every process is number 1, whatever number it is asked by.
+const std::string& resolved(std::string_view path, bool follow = true) {
+  static std::string real;
+  real = path.substr(0, path.find_last_not_of('/') + 1);
   constexpr std::string_view kProcesses = "/proc/";
   if (real.starts_with(kProcesses) && std::isdigit(static_cast<unsigned char>(real[6])) != 0) {
     real.replace(6, real.find_first_not_of("0123456789", 6) - 6, "1");
   }
-  for (std::size_t i = 0; i < links.size(); ++i) {
-    const File& link = *links[i];
-    if (!(lies_in(real, link.path) || (follow && real == link.path))) continue;
-    if (find(link.path) == nullptr) continue;
-    real.replace(0, link.path.size(), link.text);
-    i = static_cast<std::size_t>(-1);
+  while (true) {
+    if (const File* const link = follow ? link_at(real) : nullptr) {
+      real = link->text;
+      continue;
+    }
+    const auto above = std::ranges::find_if(links, [&](const std::string& path) {
+      return lies_in(real, path) && link_at(path) != nullptr;
+    });
+    if (above == links.end()) return real;
+    real.replace(0, above->size(), link_at(*above)->text);
   }
-  return real;
 }
 
 bool is_folder(std::string_view path) {
-  if (path.empty()) return false;
-  for (const auto* const files : {&fresh, &kept}) {
-    for (const File& file : *files) {
-      if (lies_in(file.path, path) && find(file.path) != nullptr) return true;
-    }
-  }
-  return false;
+  if (fresh.contains(path)) return false;
+  return folders.contains(path) || std::ranges::any_of(fresh, [&](const auto& file) {
+           return lies_in(file.first, path) && !file.second.isGone;
+         });
 }
 
 int wrong(int reason) {
@@ -103,7 +118,7 @@ Opened* opened_as(int descriptor) {
 }
 
 int open_file(const char* name, int flags) {
-  const std::string path = resolved(name, (flags & O_NOFOLLOW) == 0);
+  const std::string& path = resolved(name, (flags & O_NOFOLLOW) == 0);
   const bool writes = (flags & O_ACCMODE) != O_RDONLY;
   File* file = find(path);
   if (file != nullptr && file->isLink) return wrong(ELOOP);
@@ -112,7 +127,7 @@ int open_file(const char* name, int flags) {
     return wrong(ENOENT);
   }
   if (writes) {
-    if (std::ranges::find(fresh, path, &File::path) == fresh.end() || file == nullptr) {
+    if (!fresh.contains(path) || file == nullptr) {
       machine::put(path, file == nullptr ? "" : std::string(file->text));
     }
     file = find(path);
@@ -181,8 +196,8 @@ int fill(const std::string& path, struct stat& status) {
 // --- Folders ---
 
 struct Folder {
-  std::vector<std::string> names;
-  std::size_t next = 0;
+  std::span<const std::string> left;
+  std::vector<std::string> own;
   dirent entry{};
 };
 
@@ -228,21 +243,25 @@ Function* next(const char* name) {
 
 namespace machine {
 
-void keep(const std::string& path, const std::string& text) { kept.push_back({path, text}); }
-
-void keep_link(const std::string& path, const std::string& target) {
-  kept.push_back({path, target, true});
-  links.push_back(&kept.back());
-}
-
-void put(const std::string& path, std::string_view text) {
-  const auto file = std::ranges::find(fresh, path, &File::path);
-  if (file == fresh.end()) {
-    fresh.push_back({path, std::string(text)});
-  } else {
-    *file = {path, std::string(text)};
+void keep(const std::string& path, const std::string& text) {
+  kept[path] = {text};
+  for (std::size_t end = path.rfind('/'); end != 0; end = path.rfind('/', end - 1)) {
+    auto& names = folders[path.substr(0, end)];
+    const std::string name = path.substr(end + 1, path.find('/', end + 1) - end - 1);
+    const auto place = std::ranges::lower_bound(names, name);
+    if (place == names.end() || *place != name) names.insert(place, name);
   }
 }
+
+void keep_link(const std::string& path, const std::string& target) {
+  keep(path, target);
+  kept[path].isLink = true;
+  links.push_back(path);
+}
+
+void put(const std::string& path, std::string_view text) { fresh[path] = {std::string(text)}; }
+
+void leave_out(const std::string& path) { fresh[path] = {.text = {}, .isGone = true}; }
 
 std::string text_of(const std::string& path) {
   const File* const file = find(resolved(path));
@@ -366,7 +385,7 @@ int statx(int place, const char* path, int flags, unsigned mask, struct statx* s
 
 char* realpath(const char* path, char* result) noexcept {
   MACHINE_REAL(realpath, path, result);
-  const std::string end = resolved(path);
+  const std::string& end = resolved(path);
   const bool isThere = end.size() < PATH_MAX && (find(end) != nullptr || is_folder(end));
   if (isThere) return std::strcpy(result, end.c_str());
   errno = ENOENT;
@@ -375,26 +394,29 @@ char* realpath(const char* path, char* result) noexcept {
 
 DIR* opendir(const char* path) {
   MACHINE_REAL(opendir, path);
-  const std::string place = resolved(path);
-  std::vector<std::string> names;
-  for (const auto* const files : {&fresh, &kept}) {
-    for (const File& file : *files) {
-      if (file.isGone || !lies_in(file.path, place)) continue;
-      const std::string rest = file.path.substr(place.size() + 1);
-      names.push_back(rest.substr(0, rest.find('/')));
-    }
+  const std::string& place = resolved(path);
+  if (!is_folder(place)) return errno = ENOENT, nullptr;
+  const auto names = folders.find(place);
+  auto* const folder = new Folder;
+  if (names != folders.end()) folder->left = names->second;
+  for (const auto& [name, file] : fresh) {
+    if (!lies_in(name, place)) continue;
+    if (folder->own.empty()) folder->own.assign(folder->left.begin(), folder->left.end());
+    const std::string rest = name.substr(place.size() + 1);
+    const std::string first = rest.substr(0, rest.find('/'));
+    std::erase(folder->own, first);
+    if (!file.isGone || first != rest) folder->own.push_back(first);
+    folder->left = folder->own;
   }
-  std::ranges::sort(names);
-  names.erase(std::unique(names.begin(), names.end()), names.end());
-  if (names.empty()) return errno = ENOENT, nullptr;
-  return reinterpret_cast<DIR*>(new Folder{std::move(names)});
+  return reinterpret_cast<DIR*>(folder);
 }
 
 dirent* readdir(DIR* directory) {
   MACHINE_REAL(readdir, directory);
   auto* const folder = reinterpret_cast<Folder*>(directory);
-  if (folder->next == folder->names.size()) return nullptr;
-  const std::string& name = folder->names[folder->next++];
+  if (folder->left.empty()) return nullptr;
+  const std::string& name = folder->left.front();
+  folder->left = folder->left.subspan(1);
   folder->entry.d_name[name.copy(folder->entry.d_name, NAME_MAX)] = '\0';
   return &folder->entry;
 }
@@ -418,8 +440,7 @@ int unlink(const char* path) noexcept {
   MACHINE_REAL(unlink, path);
   const std::string name = resolved(path, false);
   if (find(name) == nullptr) return wrong(ENOENT);
-  machine::put(name, "");
-  find(name)->isGone = true;
+  machine::leave_out(name);
   return 0;
 }
 
@@ -430,7 +451,8 @@ int remove(const char* path) noexcept {
 
 int rename(const char* from, const char* to) noexcept {
   MACHINE_REAL(rename, from, to);
-  machine::put(resolved(to), machine::text_of(from));
+  const std::string text = machine::text_of(from);
+  machine::put(resolved(to), text);
   return unlink(from);
 }
 

@@ -15,6 +15,8 @@ void keep_link(const std::string& path, const std::string& target);
 
 // A file of this run. Between the runs nothing is left of it.
 void put(const std::string& path, std::string_view text);
+// Neither file nor folder of this run. The files of a folder are still found by their paths.
+void leave_out(const std::string& path);
 // What a file holds now; empty without one.
 std::string text_of(const std::string& path);
 
