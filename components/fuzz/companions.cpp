@@ -77,7 +77,7 @@ void read_lines(const Input& input) {
   });
 }
 
-// The chips are there with a choice of one alone: a look at them takes half of the time.
+// A look at the chips takes half of the time: they are there only when the input chooses one.
 void read_check(const Input& input) {
   if (input.pieces.size() <= 2) machine::leave_out("/sys/class/hwmon");
   with_files(input, {kSettings, kTable, "/etc/fan_controller/fan_link.conf"},

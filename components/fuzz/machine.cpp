@@ -39,9 +39,9 @@ struct Hash : std::hash<std::string_view> {
 template <typename Value>
 using ByPath = std::unordered_map<std::string, Value, Hash, std::equal_to<>>;
 ByPath<File> kept;
-ByPath<std::vector<std::string>> folders;  // the names in the folders of what is kept, sorted
-std::vector<std::string> links;            // where they are
-ByPath<File> fresh;                        // hides what is kept
+ByPath<std::vector<std::string>> folders;  // what is in each folder of these, sorted
+std::vector<std::string> links;            // the paths of those that are links
+ByPath<File> fresh;                        // the files of a run, which hide the kept ones
 
 // Of the main thread: the fuzzer's own threads, and what it does between the runs, are real.
 thread_local bool isRunning = false;
@@ -63,7 +63,8 @@ bool lies_in(std::string_view path, std::string_view folder) {
   return path.size() > folder.size() && path[folder.size()] == '/' && path.starts_with(folder);
 }
 
-// Until the next one. Every process is number 1, whatever number it is asked by.
+// The path without links, until the next call. Every process is number 1, whatever number it is
+// asked by.
 const std::string& resolved(std::string_view path, bool follow = true) {
   static std::string real;
   real = path.substr(0, path.find_last_not_of('/') + 1);
